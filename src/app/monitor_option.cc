@@ -1,0 +1,230 @@
+#include "app/monitor_option.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "app/log.h"
+#include "monitor/monitor_config.h"
+
+namespace kestro::zqp {
+namespace {
+
+constexpr char kShortOptions[] = "hvbVd:f:n:t:e:";
+
+const option kLongOptions[] = {
+    {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
+    {"verbose", no_argument, nullptr, 'v'},      {"batch", no_argument, nullptr, 'b'},
+    {"delay", required_argument, nullptr, 'd'},  {"freq", required_argument, nullptr, 'f'},
+    {"number", required_argument, nullptr, 'n'}, {"time", required_argument, nullptr, 't'},
+    {"enable", required_argument, nullptr, 'e'}, {nullptr, 0, nullptr, 0},
+};
+
+// The whole usage text; lines 5 and 11 keep the blanks that left alignment
+// leaves behind, and line 23 its trailing blank.
+constexpr char kUsage[] =
+    "\n"
+    "Usage:\n"
+    "kvt_zqp_monitor [Option...] [Parameter]\n"
+    "\n"
+    "[Option]                      [Instruction]       \n"
+    "---------------------------------------------------------------------------------------------"
+    "------------------\n"
+    "-h --help                     Display this information\n"
+    "-v --verbose                  Show additional information\n"
+    "-V --version                  Output version information & exit\n"
+    "\n"
+    "[Option]                      [Parameter]         \n"
+    "---------------------------------------------------------------------------------------------"
+    "------------------\n"
+    "-b --batch                    [null]  : Run in non-interactive batch mode, default is "
+    "interactive mode.\n"
+    "-d --delay                    [int]   : Delay between updates in milliseconds, default is "
+    "1000 ms.\n"
+    "                                        parameter range: [100, 10000].\n"
+    "-f --freq                     [int]   : Sampling frequency, default is 500 samples/sec, only "
+    "used for YPU and DSP.\n"
+    "                                        parameter range: [10, 1000].\n"
+    "-n --number                   [int]   : Specifies the maximum number of iterations, default "
+    "is forever.\n"
+    "                                        parameter range: [1, INT32_MAX].\n"
+    "-t --time                     [int]   : Specifies the duration time in seconds, default is "
+    "forever.\n"
+    "                                        parameter range: [1, INT32_MAX].\n"
+    "-e --enable                   [string]: Hardware IP to be monitored, valid values are \"ypu, "
+    "dsp, gdc,\n"
+    "                                        stitch, pym, isp, jpu, vpu\", case insensitive. "
+    "Multiple parameters are \n"
+    "                                        separated by comma.\n";
+
+[[noreturn]] void PrintUsageAndExit() {
+  std::fputs(kUsage, stdout);
+  std::exit(1);
+}
+
+// Converts a numeric option value. The long result is deliberately truncated
+// to 32 bits before any range check (4294967396 reads as 100).
+bool ParseNumber(const char* text, std::int32_t& value) {
+  if (text == nullptr) {
+    LogError("value must no empty\n");
+    return false;
+  }
+  if (text[0] != '-' && !(text[0] >= '0' && text[0] <= '9')) {
+    LogError("value %s is invalid number\n", text);
+    return false;
+  }
+  errno = 0;
+  char* end = nullptr;
+  const long parsed = std::strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0') {
+    LogError("value %s is invalid number\n", text);
+    return false;
+  }
+  value = static_cast<std::int32_t>(parsed);
+  return true;
+}
+
+bool InRange(std::int32_t value, std::uint32_t low, std::uint32_t high) {
+  return static_cast<std::uint32_t>(value) - low <= high - low;
+}
+
+void AppendEnableItems(const char* text, std::vector<std::string>& list) {
+  std::string_view rest(text);
+  while (!rest.empty()) {
+    const std::size_t comma = rest.find(',');
+    const std::string_view piece = rest.substr(0, comma);
+    if (!piece.empty()) list.emplace_back(piece);
+    if (comma == std::string_view::npos) break;
+    rest.remove_prefix(comma + 1);
+  }
+}
+
+// Runs the -t conversion: frames = duration * 1000 / delay in 32-bit
+// arithmetic (the product wraps for very long durations; kept as is).
+bool ConvertDuration(MonitorOption& option) {
+  const std::uint32_t total_ms = option.duration_s * 1000u;
+  option.iterations = total_ms / option.delay_ms;
+  if (option.delay_ms > total_ms) {
+    LogError("duration time %u sec must not less than delay time %u ms\n", option.duration_s,
+             option.delay_ms);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+const char* UsageText() {
+  return kUsage;
+}
+
+const std::string& GetVersion() {
+  static const std::string version = [] {
+    std::ostringstream out;
+    out << 2u << '.' << 2u << '.' << 4u;
+    return out.str();
+  }();
+  return version;
+}
+
+bool ValidateEnableList(const std::vector<std::string>& enable_list) {
+  if (enable_list.empty()) return false;
+  for (const auto& item : enable_list) {
+    if (g_gen_config_funcs.Find(ToUpper(item)) != nullptr) continue;
+    std::string keys = "{";
+    for (const auto& entry : g_gen_config_funcs) keys += entry.first + ",";
+    keys.back() = '}';
+    LogError("%s is invalid, valid value is %s, case-insensitive\n", item.c_str(), keys.c_str());
+    return false;
+  }
+  return true;
+}
+
+MonitorOption ParseOptions(int argc, char** argv) {
+  MonitorOption option;
+  int code;
+  while (option.valid &&
+         (code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
+    std::int32_t value = 0;
+    switch (code) {
+      case 'V':
+        std::fprintf(stderr, "ZQP Monitor version: %s\n", GetVersion().c_str());
+        std::exit(0);
+      case 'v':
+        SetLogLevel(0);
+        break;
+      case 'b':
+        option.batch = true;
+        break;
+      case 'd':
+        if (!ParseNumber(optarg, value)) {
+          option.valid = false;
+        } else if (!InRange(value, 100, 10000)) {
+          LogError("delay valid range is [%d, %d], but get %d\n", 100, 10000, value);
+          option.valid = false;
+        } else {
+          option.delay_ms = static_cast<std::uint32_t>(value);
+        }
+        break;
+      case 'f':
+        if (!ParseNumber(optarg, value)) {
+          option.valid = false;
+        } else if (!InRange(value, 10, 1000)) {
+          LogError("sample frequency valid range is [%d, %d], but get %d\n", 10, 1000, value);
+          option.valid = false;
+        } else {
+          option.frequency = static_cast<std::uint32_t>(value);
+        }
+        break;
+      case 'n':
+        if (!ParseNumber(optarg, value)) {
+          option.valid = false;
+        } else if (value < 1) {
+          LogError("iterater number must great than 0, but get %d\n", value);
+          option.valid = false;
+        } else {
+          option.iterations = static_cast<std::uint32_t>(value);
+        }
+        break;
+      case 't':
+        if (!ParseNumber(optarg, value)) {
+          option.valid = false;
+        } else if (value < 1) {
+          LogError("time must great than 0, but get %d\n", value);
+          option.valid = false;
+        } else {
+          option.duration_s = static_cast<std::uint32_t>(value);
+        }
+        break;
+      case 'e':
+        if (optarg == nullptr) {
+          LogError("value must no empty\n");
+        } else {
+          AppendEnableItems(optarg, option.enable_list);
+        }
+        option.valid = ValidateEnableList(option.enable_list);
+        break;
+      default:  // 'h', and '?' for getopt's own errors
+        PrintUsageAndExit();
+    }
+  }
+  if (!option.valid) return option;
+
+  const bool count_set = option.iterations != 0;
+  const bool time_set = option.duration_s != 0;
+  if (count_set && time_set) {
+    LogError("Not support setting both number and time\n");
+    option.valid = false;
+    ConvertDuration(option);
+  } else if (time_set) {
+    option.valid = ConvertDuration(option);
+  } else if (!count_set) {
+    option.iterations = kForever;
+  }
+  return option;
+}
+
+}  // namespace kestro::zqp

@@ -1,0 +1,25 @@
+#include "monitor/board_path.h"
+
+#include <utility>
+
+namespace kestro::zqp {
+namespace {
+
+std::string& Root() {
+  static std::string root;
+  return root;
+}
+
+}  // namespace
+
+std::string BoardPath(std::string_view absolute_path) {
+  std::string path = Root();
+  path.append(absolute_path);
+  return path;
+}
+
+void SetBoardRootForTesting(std::string root) {
+  Root() = std::move(root);
+}
+
+}  // namespace kestro::zqp
