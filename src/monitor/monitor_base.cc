@@ -1,0 +1,96 @@
+#include "monitor/monitor_base.h"
+
+#include <pthread.h>
+
+#include <sstream>
+
+#include "app/log.h"
+
+namespace kestro::zqp {
+
+static_assert(std::atomic_ref<float>::is_always_lock_free);
+
+MonitorBase::MonitorBase(const MonitorConfig& config,
+                         const std::shared_ptr<WatchTaskRunner>& runner_in)
+    : runner(runner_in),
+      name(config.name),
+      frequency(config.frequency),
+      delay(config.delay),
+      task_per_file(config.task_per_file),
+      write_sample_time(config.write_sample_time),
+      batch(config.batch),
+      files(config.files) {}
+
+MonitorBase::~MonitorBase() {
+  JoinThreads();
+}
+
+void MonitorBase::Start() {
+  if (!stop.load()) return;
+  if (!ready.load()) return;
+  threads.resize(tasks.size());
+  stop.store(false);
+  if (threads.empty()) return;
+  for (std::size_t i = 0; i < threads.size(); ++i) {
+    // A still-joinable thread here ends the process, as a restart without
+    // JoinThreads must.
+    threads[i] = std::thread([this, i] { tasks[i](); });
+    std::ostringstream thread_name;
+    thread_name << name << "_loading";
+    // Names over 15 characters are refused by the kernel; the thread then
+    // simply keeps its inherited name.
+    pthread_setname_np(threads[i].native_handle(), thread_name.str().c_str());
+  }
+}
+
+void MonitorBase::Stop() {
+  stop.store(true);
+}
+
+void MonitorBase::JoinThreads() {
+  for (auto& thread : threads) {
+    if (thread.joinable()) thread.join();
+  }
+  threads.clear();
+}
+
+void MonitorBase::SetLoadingNum(std::uint32_t n) {
+  loading_num = n;
+  loading.assign(n, 0.0f);
+}
+
+void MonitorBase::SetLoading(std::uint32_t core, float value) {
+  if (core < loading.size()) {
+    std::atomic_ref<float>(loading[core]).store(value);
+    return;
+  }
+  LogError("core id %u over the loading num %lu\n", core, loading.size());
+}
+
+void MonitorBase::SetTasks(std::vector<std::function<void()>> new_tasks) {
+  tasks = std::move(new_tasks);
+}
+
+void MonitorBase::AddTask(std::function<void()> task) {
+  tasks.push_back(std::move(task));
+}
+
+void MonitorBase::AddWatch(int fd, std::function<void(int)> callback) {
+  if (runner) runner->AddTask(fd, std::move(callback));
+}
+
+void MonitorBase::RemoveWatch(int fd) {
+  if (runner) runner->RemoveTask(fd);
+}
+
+float MonitorBase::GetLoading(std::size_t core) const {
+  return std::atomic_ref<float>(const_cast<float&>(loading[core])).load();
+}
+
+std::vector<float> MonitorBase::LoadingSnapshot() const {
+  std::vector<float> values(loading.size());
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = GetLoading(i);
+  return values;
+}
+
+}  // namespace kestro::zqp

@@ -1,0 +1,80 @@
+// Common base of every monitor: name and sampling settings from the
+// configuration, worker tasks each run on a thread of its own, and the
+// per-core loading slots that the report reads.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "monitor/monitor_config.h"
+#include "runner/watch_task_runner.h"
+
+namespace kestro::zqp {
+
+using monitor::WatchTaskRunner;
+
+class MonitorBase {
+ public:
+  MonitorBase(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  MonitorBase(const MonitorBase&) = delete;
+  MonitorBase& operator=(const MonitorBase&) = delete;
+  // Joins the worker threads. Does not set the stop flag: the owner must call
+  // Stop first or this waits for ever.
+  virtual ~MonitorBase();
+
+  // Starts one thread per task, named "<name>_loading". Does nothing while
+  // running or not ready. Restarting after Stop requires JoinThreads first.
+  virtual void Start();
+  // Asks the workers to end; does not join.
+  virtual void Stop();
+  // Sampling period in ms; 0 for the base.
+  virtual std::uint32_t GetSamplePeriod() { return 0; }
+
+  // Joins every joinable worker in order and empties the thread list.
+  void JoinThreads();
+  // Replaces the loading slots by n zeros. Only while no worker runs.
+  void SetLoadingNum(std::uint32_t n);
+  // Atomically publishes value in slot core; out of range prints
+  // "core id %u over the loading num %lu" and drops the value.
+  void SetLoading(std::uint32_t core, float value);
+  void SetTasks(std::vector<std::function<void()>> tasks);
+  void AddTask(std::function<void()> task);
+  // Forwarded to the runner; without a runner the callback is dropped.
+  void AddWatch(int fd, std::function<void(int)> callback);
+  void RemoveWatch(int fd);
+
+  const std::string& Name() const { return name; }
+  bool IsReady() const { return ready.load(); }
+  bool IsStopped() const { return stop.load(); }
+  std::size_t LoadingCount() const { return loading.size(); }
+  // Atomic load of slot core; the caller keeps core below LoadingCount().
+  float GetLoading(std::size_t core) const;
+  // Atomic copy of every slot.
+  std::vector<float> LoadingSnapshot() const;
+
+ protected:
+  std::shared_ptr<WatchTaskRunner> runner;
+  std::vector<std::function<void()>> tasks;
+  std::vector<std::thread> threads;
+  // Written by workers and read by the report only through std::atomic_ref,
+  // so the layout stays a plain vector of 32-bit floats.
+  std::vector<float> loading;
+  std::string name;
+  std::uint32_t frequency;
+  std::uint32_t delay;
+  bool task_per_file;
+  bool write_sample_time;
+  bool batch;
+  std::vector<std::string> files;
+  std::uint32_t loading_num = 0;
+  // Atomic because the DDR worker clears it while the report reads it.
+  std::atomic<bool> ready{false};
+  std::atomic<bool> stop{true};
+};
+
+}  // namespace kestro::zqp

@@ -1,0 +1,48 @@
+#include "monitor/status_monitor.h"
+
+#include <time.h>
+
+#include <cerrno>
+
+namespace kestro::zqp {
+
+StatusMonitor::StatusMonitor(const MonitorConfig& config,
+                             const std::shared_ptr<WatchTaskRunner>& runner)
+    : MonitorBase(config, runner),
+      sample_period(config.frequency != 0 ? 1000 / config.frequency : 0),
+      samples_per_interval(sample_period != 0 ? config.delay / sample_period : 0) {}
+
+void StatusMonitor::InitCoreStats() {
+  busy_counts.resize(loading_num);
+  loading_values.resize(loading_num);
+}
+
+void StatusMonitor::Sample() {
+  ++sample_count;
+  const bool interval_done = sample_count >= samples_per_interval;
+  for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
+    busy_counts[i] += IsCoreBusy(i) ? 1 : 0;
+    if (interval_done) {
+      loading_values[i] =
+          static_cast<float>(busy_counts[i]) / static_cast<float>(sample_count) * 100.0f;
+      busy_counts[i] = 0;
+      SetLoading(i, loading_values[i]);
+    }
+  }
+  if (interval_done) sample_count = 0;
+}
+
+void StatusMonitor::Run() {
+  InitCoreStats();
+  const std::uint32_t period = GetSamplePeriod();
+  while (!stop.load()) {
+    Sample();
+    if (period == 0) continue;
+    timespec remaining{static_cast<time_t>(period / 1000),
+                       static_cast<long>(period % 1000) * 1000000L};
+    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+    }
+  }
+}
+
+}  // namespace kestro::zqp
