@@ -90,7 +90,7 @@ class PtyTest : public ::testing::Test {
     pollfd poll_fd{master_, POLLIN, 0};
     // The pty moves data to the master side asynchronously; a quiet period
     // marks the end.
-    while (poll(&poll_fd, 1, 100) > 0 && (poll_fd.revents & POLLIN) != 0) {
+    while (poll(&poll_fd, 1, 200) > 0 && (poll_fd.revents & POLLIN) != 0) {
       const ssize_t got = read(master_, buffer, sizeof(buffer));
       if (got <= 0) break;
       out.append(buffer, static_cast<std::size_t>(got));
