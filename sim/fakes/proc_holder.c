@@ -1,0 +1,30 @@
+// A board process that holds memory: it touches the given amount of memory so
+// that its resident size is known, then sleeps until it is told to stop.
+//
+// Usage: kzm_proc_holder RSS_KB
+#define _GNU_SOURCE
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static volatile sig_atomic_t g_stop;
+static void on_term(int sig) {
+  (void)sig;
+  g_stop = 1;
+}
+
+int main(int argc, char** argv) {
+  size_t kb = argc > 1 ? strtoul(argv[1], NULL, 10) : 0;
+  signal(SIGTERM, on_term);
+  signal(SIGINT, on_term);
+  char* mem = NULL;
+  if (kb > 0) {
+    mem = malloc(kb * 1024);
+    if (mem == NULL) return 1;
+    memset(mem, 0x5a, kb * 1024);
+  }
+  while (!g_stop) pause();
+  free(mem);
+  return 0;
+}
