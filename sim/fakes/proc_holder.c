@@ -24,7 +24,9 @@ int main(int argc, char** argv) {
   if (kb > 0) {
     mem = malloc(kb * 1024);
     if (mem == NULL) return 1;
-    memset(mem, 0x5a, kb * 1024);
+    // Touch every page through a volatile pointer so that the stores are kept.
+    volatile char* touch = mem;
+    for (size_t i = 0; i < kb * 1024; i += 1024) touch[i] = 0x5a;
   }
   while (!g_stop) pause();
   free(mem);
