@@ -155,6 +155,27 @@ TEST(FileMonitorTest, OneThreadPerOpenedFileEachFollowingItsFile) {
   monitor->Stop();
 }
 
+TEST(FileMonitorTest, DescriptorZeroCountsAsOpenedButIsNeitherReadNorClosed) {
+  BoardTree tree;
+  tree.Write(kGdc0, "gdc0 5 %\n");
+  tree.Write(kGdc1, "gdc1 6 %\n");
+  const int saved_stdin = dup(STDIN_FILENO);
+  ASSERT_GE(saved_stdin, 0);
+  close(STDIN_FILENO);
+  auto monitor = Make(VpsConfig({kGdc0, kGdc1}, 100, false));
+  EXPECT_TRUE(monitor->IsReady());
+  monitor->Start();
+  EXPECT_EQ(CountThreadsNamed("GDC_loading"), 1);
+  EXPECT_TRUE(WaitFor([&] { return monitor->GetLoading(1) == 6.0f; }));
+  EXPECT_EQ(monitor->GetLoading(0), 0.0f);
+  monitor->Stop();
+  monitor.reset();
+  // Still open: it was the first file's descriptor.
+  EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+  dup2(saved_stdin, STDIN_FILENO);
+  close(saved_stdin);
+}
+
 TEST(FileMonitorTest, JpuWithOnlyTheFirstFileRunsOneThreadForBoth) {
   BoardTree tree;
   tree.Write(kJpu0, "42.5\n");
