@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <random>
 #include <string>
 
@@ -72,6 +71,7 @@ class ReadLoadingTest : public ::testing::Test {
 TEST_F(ReadLoadingTest, PublishesOnlyASingleConversion) {
   EXPECT_EQ(Read("loading 37.5 %\n", ReadSecondToken), 37.5f);
   EXPECT_EQ(Read("37.5\n", ReadPlainNumber), 37.5f);
+  // Nothing in the non-blocking pipe: the read fails with EAGAIN.
   EXPECT_EQ(Read("", ReadPlainNumber), 0.0f);
   EXPECT_EQ(Read("garbage\n", ReadPlainNumber), 0.0f);
   EXPECT_EQ(Read("x",
@@ -83,32 +83,6 @@ TEST_F(ReadLoadingTest, PublishesOnlyASingleConversion) {
   // No scaling or clamping: the driver's figure is published as it is.
   EXPECT_EQ(Read("250.5\n", ReadPlainNumber), 250.5f);
   EXPECT_EQ(Read("-3\n", ReadPlainNumber), -3.0f);
-}
-
-TEST_F(ReadLoadingTest, BufferKeepsTheTailOfALongerText) {
-  // The buffer is not cleared between reads. Driver texts end in a newline,
-  // which stops the reader; a text without one runs into the old tail.
-  EXPECT_EQ(Read("250.5", ReadPlainNumber), 250.5f);
-  EXPECT_EQ(Read("-3", ReadPlainNumber), -30.5f);
-}
-
-TEST_F(ReadLoadingTest, ReadsAtMostOneByteLessThanTheBuffer) {
-  std::string text(100, '7');
-  std::string seen;
-  Read(text, [&seen](float&, const char* t) {
-    seen = t;
-    return 1L;
-  });
-  EXPECT_EQ(seen, std::string(63, '7'));
-  EXPECT_EQ(buffer[63], '\0');
-}
-
-TEST_F(ReadLoadingTest, FailedReadGivesZero) {
-  MonitorConfig config;
-  FileMonitor monitor(config, nullptr, ReadPlainNumber);
-  EXPECT_EQ(monitor.ReadLoading(-1, buffer, sizeof buffer), 0.0f);
-  // Nothing in the pipe: the non-blocking read fails with EAGAIN.
-  EXPECT_EQ(monitor.ReadLoading(ends[0], buffer, sizeof buffer), 0.0f);
 }
 
 // Random and truncated driver-like texts must never crash or overrun.
