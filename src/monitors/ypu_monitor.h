@@ -74,7 +74,8 @@ class YPUMonitor : public StatusMonitor {
   ~YPUMonitor() override;
 
   // One capacity query: busy while less than the full 64 is free. A query
-  // that writes nothing leaves 0 and counts as busy.
+  // that writes nothing leaves 0 and counts as busy. Needs the library, so
+  // only a ready monitor may be asked.
   bool IsCoreBusy(std::uint32_t core) override;
 
  private:
