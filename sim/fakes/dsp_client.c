@@ -1,0 +1,209 @@
+// A DSP user process as the DSP runtime makes it look to a monitor.
+//
+// It takes one slot (the same index on every core) in the per-core loading
+// nodes under the cores' lock files, announces {pid, slot} on the event fifo
+// when a monitor has made one, then keeps its running bit set on the chosen
+// cores for a known share of every period. At the end it either leaves
+// cleanly (running bits cleared, slot freed) or is killed in the middle of its
+// work, leaving its slot and running bit behind as a crashed client would.
+//
+// Usage: kzm_dsp_client [options]
+//   --nodes N         number of DSP cores (nodes /dsp_loading_node_1_<i>)
+//   --cores LIST      comma-separated cores to keep busy (default 0)
+//   --duty P          busy percentage of every period (default 50)
+//   --period-ms MS    length of one period (default 10)
+//   --lifetime-ms MS  run this long, then end (default: until SIGTERM)
+//   --die             end by SIGKILL without cleaning up
+//   --shm-prefix S    node name prefix (default /dsp_loading_node_1_)
+//   --lock-prefix S   lock file prefix (default /var/run/dsp_loading_flock_)
+//   --fifo PATH       event fifo (default /var/run/dsp_event)
+//   --report PATH     write "pid slot" there once the slot is taken
+#define _GNU_SOURCE
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#define KZM_NODE_SIZE 152
+#define KZM_MAX_CORES 32
+
+struct loading_node {
+  uint64_t magic;
+  uint64_t reserved;
+  uint32_t free_mask;
+  uint32_t running_mask;
+  uint32_t pids[32];
+};
+_Static_assert(sizeof(struct loading_node) == KZM_NODE_SIZE, "node layout");
+
+static volatile sig_atomic_t g_stop;
+static void on_term(int sig) {
+  (void)sig;
+  g_stop = 1;
+}
+
+static uint64_t now_ns(void) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
+}
+
+static void sleep_until(uint64_t t) {
+  struct timespec ts = {(time_t)(t / 1000000000ull), (long)(t % 1000000000ull)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, NULL) == EINTR && !g_stop) {
+  }
+}
+
+int main(int argc, char** argv) {
+  int nodes = 1;
+  uint32_t busy_cores = 1;
+  double duty = 50;
+  uint64_t period_ms = 10;
+  long lifetime_ms = -1;
+  int die = 0;
+  const char* shm_prefix = "/dsp_loading_node_1_";
+  const char* lock_prefix = "/var/run/dsp_loading_flock_";
+  const char* fifo = "/var/run/dsp_event";
+  const char* report = NULL;
+  for (int i = 1; i < argc; ++i) {
+    const char* a = argv[i];
+    const char* v = i + 1 < argc ? argv[i + 1] : NULL;
+    if (strcmp(a, "--die") == 0) {
+      die = 1;
+      continue;
+    }
+    if (v == NULL) {
+      fprintf(stderr, "dsp_client: %s needs a value\n", a);
+      return 2;
+    }
+    ++i;
+    if (strcmp(a, "--nodes") == 0) {
+      nodes = atoi(v);
+    } else if (strcmp(a, "--cores") == 0) {
+      busy_cores = 0;
+      char* copy = strdup(v);
+      char* save = NULL;
+      for (char* t = strtok_r(copy, ",", &save); t; t = strtok_r(NULL, ",", &save)) {
+        busy_cores |= 1u << (atoi(t) % 32);
+      }
+      free(copy);
+    } else if (strcmp(a, "--duty") == 0) {
+      duty = strtod(v, NULL);
+    } else if (strcmp(a, "--period-ms") == 0) {
+      period_ms = strtoull(v, NULL, 10);
+    } else if (strcmp(a, "--lifetime-ms") == 0) {
+      lifetime_ms = atol(v);
+    } else if (strcmp(a, "--shm-prefix") == 0) {
+      shm_prefix = v;
+    } else if (strcmp(a, "--lock-prefix") == 0) {
+      lock_prefix = v;
+    } else if (strcmp(a, "--fifo") == 0) {
+      fifo = v;
+    } else if (strcmp(a, "--report") == 0) {
+      report = v;
+    } else {
+      fprintf(stderr, "dsp_client: unknown option %s\n", a);
+      return 2;
+    }
+  }
+  if (nodes < 1 || nodes > KZM_MAX_CORES || period_ms == 0) {
+    fprintf(stderr, "dsp_client: bad --nodes or --period-ms\n");
+    return 2;
+  }
+  signal(SIGTERM, on_term);
+  signal(SIGINT, on_term);
+
+  struct loading_node* node[KZM_MAX_CORES];
+  int lock_fd[KZM_MAX_CORES];
+  for (int c = 0; c < nodes; ++c) {
+    char name[256];
+    snprintf(name, sizeof name, "%s%d", shm_prefix, c);
+    int fd = shm_open(name, O_RDWR, 0);
+    if (fd < 0) {
+      fprintf(stderr, "dsp_client: shm_open %s: %s\n", name, strerror(errno));
+      return 1;
+    }
+    node[c] = mmap(NULL, KZM_NODE_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (node[c] == MAP_FAILED) {
+      perror("dsp_client: mmap");
+      return 1;
+    }
+    snprintf(name, sizeof name, "%s%d", lock_prefix, c);
+    lock_fd[c] = open(name, O_RDWR | O_CLOEXEC);
+    if (lock_fd[c] < 0) {
+      fprintf(stderr, "dsp_client: open %s: %s\n", name, strerror(errno));
+      return 1;
+    }
+  }
+
+  // Take the lowest slot that is free on every core, holding all the locks.
+  for (int c = 0; c < nodes; ++c) lockf(lock_fd[c], F_LOCK, 0);
+  uint32_t free_all = 0xffffffffu;
+  for (int c = 0; c < nodes; ++c) free_all &= node[c]->free_mask;
+  int slot = free_all ? __builtin_ctz(free_all) : -1;
+  if (slot >= 0) {
+    for (int c = 0; c < nodes; ++c) {
+      node[c]->pids[slot] = (uint32_t)getpid();
+      node[c]->free_mask &= ~(1u << slot);
+    }
+  }
+  for (int c = 0; c < nodes; ++c) lockf(lock_fd[c], F_ULOCK, 0);
+  if (slot < 0) {
+    fprintf(stderr, "dsp_client: no free slot\n");
+    return 1;
+  }
+  if (report != NULL) {
+    FILE* f = fopen(report, "w");
+    if (f != NULL) {
+      fprintf(f, "%d %d\n", (int)getpid(), slot);
+      fclose(f);
+    }
+  }
+  int ff = open(fifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (ff >= 0) {
+    uint32_t msg[2] = {(uint32_t)getpid(), (uint32_t)slot};
+    if (write(ff, msg, sizeof msg) != (ssize_t)sizeof msg) perror("dsp_client: fifo write");
+    close(ff);
+  }
+
+  const uint32_t bit = 1u << slot;
+  const uint64_t period = period_ms * 1000000ull;
+  const uint64_t busy = (uint64_t)((double)period * duty / 100.0);
+  const uint64_t start = now_ns();
+  const uint64_t end = lifetime_ms >= 0 ? start + (uint64_t)lifetime_ms * 1000000ull : UINT64_MAX;
+  uint64_t t = start;
+  while (!g_stop && now_ns() < end) {
+    if (busy > 0) {
+      for (int c = 0; c < nodes; ++c) {
+        if (busy_cores & (1u << c))
+          __atomic_fetch_or(&node[c]->running_mask, bit, __ATOMIC_SEQ_CST);
+      }
+      sleep_until(t + busy);
+    }
+    // A crash happens in the middle of work: slot and running bits stay set.
+    if (die && now_ns() >= end) kill(getpid(), SIGKILL);
+    if (busy < period) {
+      for (int c = 0; c < nodes; ++c) {
+        __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
+      }
+    }
+    t += period;
+    sleep_until(t);
+  }
+  if (die) kill(getpid(), SIGKILL);
+  for (int c = 0; c < nodes; ++c) {
+    __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
+    lockf(lock_fd[c], F_LOCK, 0);
+    node[c]->free_mask |= bit;
+    node[c]->pids[slot] = 0;
+    lockf(lock_fd[c], F_ULOCK, 0);
+  }
+  return 0;
+}

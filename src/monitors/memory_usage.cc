@@ -1,0 +1,191 @@
+#include "monitors/memory_usage.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "monitor/board_path.h"
+#include "monitors/text_fields.h"
+
+namespace kestro::zqp {
+namespace {
+
+constexpr std::size_t kNoColumn = std::numeric_limits<std::size_t>::max();
+
+enum class SectionState { kSeekTotal, kClientRows, kAllocationHeader, kAllocationRows };
+
+// Column positions of the allocation table, from its header line.
+struct Columns {
+  std::size_t client = kNoColumn;
+  std::size_t tgid = kNoColumn;
+  std::size_t size = kNoColumn;
+  std::size_t type = kNoColumn;
+};
+
+bool Contains(const HeapLineBuffer& line, const char* marker) {
+  return std::strstr(line.data(), marker) != nullptr;
+}
+
+bool ParsePid(std::string_view text, std::int32_t& pid) {
+  bool negative = false;
+  if (!text.empty() && text.front() == '-') {
+    negative = true;
+    text.remove_prefix(1);
+  }
+  if (text.empty()) return false;
+  // Accumulate the magnitude in 64 bits; 2^31 is allowed only when negative.
+  const std::int64_t limit = negative ? std::int64_t{1} << 31 : (std::int64_t{1} << 31) - 1;
+  std::int64_t magnitude = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return false;
+    magnitude = magnitude * 10 + (c - '0');
+    if (magnitude > limit) return false;
+  }
+  pid = static_cast<std::int32_t>(negative ? -magnitude : magnitude);
+  return true;
+}
+
+void SetName(ProcessMemory& process, std::string_view name) {
+  const std::size_t length = std::min(name.size(), sizeof(process.name) - 1);
+  std::memcpy(process.name, name.data(), length);
+  process.name[length] = '\0';
+}
+
+// Returns false when the header ends the section.
+bool ReadHeader(const std::vector<std::string_view>& fields, const HeapLineBuffer& line,
+                Columns& columns, bool& complete) {
+  complete = false;
+  Columns found;
+  if (fields.size() >= 4) {
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      if (fields[i] == "client") found.client = i;
+      if (fields[i] == "tgid") found.tgid = i;
+      if (fields[i] == "size") found.size = i;
+      if (fields[i] == "type") found.type = i;
+    }
+  }
+  if (found.client == kNoColumn || found.size == kNoColumn || found.type == kNoColumn) {
+    return !Contains(line, "total");
+  }
+  if (found.tgid == kNoColumn) return false;
+  columns = found;
+  complete = true;
+  return true;
+}
+
+}  // namespace
+
+void AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
+                      std::uint64_t size) {
+  // operator[] value-initialises a new entry: rss_kb 0, empty name.
+  usage.processes[pid].ion_bytes += size;
+  usage.heap_used[heap_index] += size;
+}
+
+void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* file,
+                      MemoryUsage& usage) {
+  SectionState state = SectionState::kSeekTotal;
+  Columns columns;
+  bool seen_good_row = false;
+  bool done = false;
+  while (!done && std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+    if (line[0] == '-' || line[0] == '=') continue;
+    switch (state) {
+      case SectionState::kSeekTotal: {
+        const char* total = std::strstr(line.data(), "heap total size");
+        if (total == nullptr) break;
+        std::sscanf(total, "heap total size %" SCNu64, &usage.heap_total[heap_index]);
+        usage.heap_used[heap_index] = 0;
+        state = SectionState::kClientRows;
+        break;
+      }
+      case SectionState::kClientRows: {
+        char name[24];
+        std::int32_t pid = 0;
+        std::uint64_t size = 0;
+        if (std::sscanf(line.data(), "%*s %23s %" SCNd32 " %" SCNu64 "\n", name, &pid, &size) ==
+            3) {
+          AddProcessMemory(usage, heap_index, pid, size);
+          SetName(usage.processes[pid], name);
+        } else if (Contains(line, "allocations")) {
+          state = SectionState::kAllocationHeader;
+        }
+        break;
+      }
+      case SectionState::kAllocationHeader: {
+        bool complete = false;
+        if (!ReadHeader(SplitFields(line.data(), ' '), line, columns, complete)) {
+          done = true;
+        } else if (complete) {
+          state = SectionState::kAllocationRows;
+        }
+        break;
+      }
+      case SectionState::kAllocationRows: {
+        const std::vector<std::string_view> fields = SplitFields(line.data(), ' ');
+        std::int32_t pid = 0;
+        std::uint64_t size = 0;
+        const bool good = fields.size() >= 4 && columns.client < fields.size() &&
+                          columns.tgid < fields.size() && columns.size < fields.size() &&
+                          ParsePid(fields[columns.tgid], pid) &&
+                          ParseUnsigned(fields[columns.size], size);
+        if (!good) {
+          done = seen_good_row || Contains(line, "total");
+          break;
+        }
+        if (!seen_good_row) {
+          // The table lists every holder of the heap, so the summary rows and
+          // earlier heaps' processes are superseded.
+          seen_good_row = true;
+          usage.processes.clear();
+          usage.heap_used[heap_index] = 0;
+        }
+        AddProcessMemory(usage, heap_index, pid, size);
+        SetName(usage.processes[pid], fields[columns.client]);
+        break;
+      }
+    }
+  }
+  usage.heap_used[heap_index] = std::min(usage.heap_used[heap_index], usage.heap_total[heap_index]);
+}
+
+int CollectMemoryUsage(MemoryUsage& usage) {
+  std::FILE* file =
+      std::fopen(BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
+  if (file == nullptr) return 0;
+  HeapLineBuffer line{};
+  while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+    if (line[0] == '-') continue;
+    int id = 0;
+    if (std::sscanf(line.data(), "the heap id is %d\n", &id) != 1) continue;
+    const auto heap = std::find(kHeapIds.begin(), kHeapIds.end(), id);
+    if (heap == kHeapIds.end()) continue;
+    ParseHeapSection(static_cast<std::size_t>(heap - kHeapIds.begin()), line, file, usage);
+  }
+  std::fclose(file);
+
+  for (auto it = usage.processes.begin(); it != usage.processes.end();) {
+    char path[64];
+    std::snprintf(path, sizeof(path), "/proc/%d/%s", it->first, "status");
+    std::FILE* status = std::fopen(BoardPath(path).c_str(), "re");
+    bool found = false;
+    if (status != nullptr) {
+      char status_line[64];
+      while (std::fgets(status_line, sizeof(status_line), status) != nullptr) {
+        const char* rss = std::strstr(status_line, "VmRSS:");
+        if (rss == nullptr) continue;
+        found = std::sscanf(rss, "VmRSS: %" SCNu64, &it->second.rss_kb) == 1;
+        break;
+      }
+      std::fclose(status);
+    }
+    it = found ? std::next(it) : usage.processes.erase(it);
+  }
+  return 0;
+}
+
+}  // namespace kestro::zqp

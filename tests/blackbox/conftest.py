@@ -1,0 +1,302 @@
+"""Black-box harness: runs the real binary on the simulated board (sim/run-board).
+
+Environment:
+  KZM_BINARY          the monitor binary (set by CTest)
+  KZM_BUILD_DIR       build folder holding sim/ artifacts (default <repo>/build)
+  KZM_BLACKBOX_STRICT when 1, a binary that draws no report fails the report
+                      tests instead of skipping them
+"""
+import json
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+REPO = Path(__file__).resolve().parents[2]
+RUN_BOARD = REPO / "sim" / "run-board"
+SCENARIOS = REPO / "sim" / "scenarios"
+BUILD_DIR = Path(os.environ.get("KZM_BUILD_DIR", REPO / "build"))
+SIM_BUILD = BUILD_DIR / "sim"
+CANNOT_RUN = 77
+VPS_ROOT = "/sys/devices/virtual/vps"
+DEBUG_ROOT = "/sys/kernel/debug"
+
+
+def board_unavailable():
+    """Why the board cannot run here, or None."""
+    if os.geteuid() != 0:
+        return "simulated board needs root (mount/PID namespaces, FUSE, overlay on sysfs)"
+    if not os.path.exists("/dev/fuse"):
+        return "simulated board needs /dev/fuse"
+    if shutil.which("unshare") is None:
+        return "simulated board needs unshare (util-linux)"
+    for a in ("libypu.so.2", "kzm_board_fs", "kzm_dsp_client", "kzm_proc_holder"):
+        if not (SIM_BUILD / a).exists():
+            return f"sim artifact {a} not built in {SIM_BUILD} (set KZM_BUILD_DIR)"
+    return None
+
+
+@pytest.fixture(scope="session")
+def board_available():
+    reason = board_unavailable()
+    if reason:
+        pytest.skip(reason)
+
+
+@pytest.fixture(scope="session")
+def binary():
+    path = os.environ.get("KZM_BINARY")
+    if not path or not os.access(path, os.X_OK):
+        pytest.skip("KZM_BINARY is not set to an executable monitor binary")
+    return path
+
+
+def load_scenario(name):
+    path = Path(name) if str(name).endswith(".json") else SCENARIOS / f"{name}.json"
+    with open(path) as f:
+        return json.load(f)
+
+
+@pytest.fixture
+def truth():
+    """truth(name) -> the scenario's ground truth ("truth" section)."""
+    return lambda name: load_scenario(name)["truth"]
+
+
+class BoardRun:
+    def __init__(self, proc, workdir, elapsed):
+        self.returncode = proc.returncode
+        self.stdout = proc.stdout
+        self.stderr = proc.stderr
+        self.workdir = Path(workdir)
+        self.elapsed = elapsed
+
+    def log(self, name):
+        p = self.workdir / "logs" / name
+        return p.read_text() if p.exists() else ""
+
+    def writes(self):
+        """(real path, data) for every write into a loading file."""
+        out = []
+        for line in self.log("fs_writes.log").splitlines():
+            path, _, data = line.partition("\t")
+            for real, top in ((VPS_ROOT, "/vps"), (DEBUG_ROOT, "/debug")):
+                if path.startswith(top + "/"):
+                    path = real + path[len(top):]
+            out.append((path, data.encode().decode("unicode_escape")))
+        return out
+
+    def pids(self):
+        text = self.log("pids.json")
+        return json.loads(text) if text else {}
+
+
+def _run_board(scenario, cmd, workdir, timeout=60, env=None, input=None):
+    args = [str(RUN_BOARD), "--scenario", str(scenario), "--build-dir", str(BUILD_DIR),
+            "--workdir", str(workdir), "--"] + [str(c) for c in cmd]
+    t0 = time.monotonic()
+    proc = subprocess.run(args, capture_output=True, text=True, timeout=timeout,
+                          env=env, input=input, stdin=None if input else subprocess.DEVNULL)
+    run = BoardRun(proc, workdir, time.monotonic() - t0)
+    if run.returncode == CANNOT_RUN and "cannot build the board" in run.stderr:
+        pytest.skip("board cannot be built here: " + run.stderr.strip().splitlines()[-1])
+    return run
+
+
+@pytest.fixture
+def run_on_board(board_available, tmp_path):
+    """run_on_board(scenario, cmd, timeout=60) -> BoardRun (stdout, stderr, returncode, logs)."""
+    count = [0]
+
+    def run(scenario, cmd, timeout=60, **kw):
+        count[0] += 1
+        return _run_board(scenario, cmd, tmp_path / f"board{count[0]}", timeout, **kw)
+
+    return run
+
+
+@pytest.fixture
+def run_monitor(run_on_board, binary):
+    """run_monitor(scenario, args, timeout=60) -> BoardRun of the binary in batch use."""
+    return lambda scenario, args, timeout=60: run_on_board(scenario, [binary] + list(args),
+                                                           timeout)
+
+
+class PtySession:
+    """The binary (or any command) on the board in a pseudo-terminal, seen through pyte."""
+
+    def __init__(self, cmd, rows, cols, workdir, scenario):
+        import pexpect
+        import pyte
+        self.screen = pyte.Screen(cols, rows)
+        self.stream = pyte.ByteStream(self.screen)
+        self.raw = b""
+        self.workdir = Path(workdir)
+        args = ["--scenario", str(scenario), "--build-dir", str(BUILD_DIR), "--workdir",
+                str(workdir), "--"] + [str(c) for c in cmd]
+        self.child = pexpect.spawn(str(RUN_BOARD), args, dimensions=(rows, cols), timeout=5)
+
+    def pump(self, seconds=0.2):
+        import pexpect
+        end = time.monotonic() + seconds
+        while True:
+            left = end - time.monotonic()
+            if left <= 0:
+                return
+            try:
+                data = self.child.read_nonblocking(65536, timeout=left)
+            except pexpect.TIMEOUT:
+                return
+            except pexpect.EOF:
+                return
+            self.raw += data
+            self.stream.feed(data)
+
+    def text(self):
+        return "\n".join(line.rstrip() for line in self.screen.display)
+
+    def wait_for(self, pattern, timeout=10):
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            self.pump(0.1)
+            if re.search(pattern, self.text()):
+                return True
+            if not self.child.isalive():
+                self.pump(0.1)
+                return bool(re.search(pattern, self.text()))
+        return False
+
+    def send(self, keys):
+        self.child.send(keys)
+
+    def wait_exit(self, timeout=10):
+        end = time.monotonic() + timeout
+        while self.child.isalive() and time.monotonic() < end:
+            self.pump(0.1)
+        if self.child.isalive():
+            return None
+        self.pump(0.1)
+        self.child.close()
+        if self.child.signalstatus is not None:
+            return 128 + self.child.signalstatus
+        return self.child.exitstatus
+
+    def close(self):
+        if self.child.isalive():
+            self.child.kill(signal.SIGTERM)
+            self.wait_exit(5)
+        if self.child.isalive():
+            self.child.terminate(force=True)
+
+
+@pytest.fixture
+def pty_session(board_available, tmp_path):
+    """pty_session(cmd, rows=40, cols=100, scenario="full") -> PtySession."""
+    sessions = []
+
+    def start(cmd, rows=40, cols=100, scenario="full"):
+        s = PtySession(cmd, rows, cols, tmp_path / f"pty{len(sessions)}", scenario)
+        sessions.append(s)
+        return s
+
+    yield start
+    for s in sessions:
+        s.close()
+
+
+# ------------------------------------------------------------- report parsing
+
+def strict():
+    return os.environ.get("KZM_BLACKBOX_STRICT") == "1"
+
+
+def need_report(frames, out):
+    if frames:
+        return
+    msg = "binary drew no report frame yet (output: %r)" % out[:200]
+    if strict():
+        pytest.fail(msg)
+    pytest.skip(msg)
+
+
+def split_frames(text):
+    """Batch output -> list of frames, each a list of lines."""
+    frames, cur = [], None
+    for line in text.splitlines():
+        if line.startswith("| Monitor "):
+            cur = [line]
+            frames.append(cur)
+        elif cur is not None:
+            cur.append(line)
+    return frames
+
+
+ROW = re.compile(r"^\|\s+(\S+?)\s+(-?\d+\.\d)\s+\|$")
+DDR = re.compile(r"^\|\s+(Read|Write)\s+(\d+)\s+\|$")
+HEAP = re.compile(r"^\|\s(\S+)\s+(\d+\.\d.)\s+(\d+\.\d.)\s+(\d+\.\d.)\s+\|$")
+PROC = re.compile(r"^\|\s*(\d+)\s\s(.{18})\s*(\d+\.\d.)\s+(\d+\.\d.)\s+\|$")
+
+
+def parse_frame(lines):
+    rows, ddr, heaps, procs = [], {}, {}, {}
+    section = "loading"
+    for line in lines:
+        if line.startswith("| DDR Bandwidth"):
+            section = "ddr"
+        elif line.startswith("| ION Info"):
+            section = "ion"
+        elif line.startswith("| Process Mem Info"):
+            section = "proc"
+        line = re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", line)
+        if section == "loading" and (m := ROW.match(line)):
+            rows.append((m.group(1), float(m.group(2))))
+        elif section == "ddr" and (m := DDR.match(line)):
+            ddr[m.group(1).lower()] = int(m.group(2))
+        elif section == "ion" and (m := HEAP.match(line)):
+            heaps[m.group(1)] = (m.group(2), m.group(3), m.group(4))
+        elif section == "proc" and (m := PROC.match(line)):
+            procs[m.group(2).strip()] = (int(m.group(1)), m.group(3), m.group(4))
+    return {"rows": rows, "ddr": ddr if "ddr" in str(lines) or ddr else None,
+            "has_ddr_box": any(l.startswith("| DDR Bandwidth") for l in lines),
+            "heaps": heaps, "processes": procs}
+
+
+def format_size(n):
+    """The report's human size: value, tenth, unit, as "%lu.%u%c"."""
+    unit, prev, v, tenth = 0, 0, n, 0
+    if v >= 1024:
+        while True:
+            prev = v
+            v >>= 10
+            unit += 1
+            if v <= 1023:
+                break
+        tenth = ((prev & 1023) * 10 + 512) >> 10
+    if tenth > 9:
+        tenth, v = 0, v + 1
+    return f"{v}.{tenth}{' KMGTPEZY'[unit]}"
+
+
+def tolerance(truth, label):
+    tol = truth.get("tolerance", {})
+    prefix = re.sub(r"\d+$", "", label)
+    return tol.get(prefix, tol.get("default", 0.05))
+
+
+def check_loading(truth_loading, truth, rows):
+    got = dict(rows)
+    problems = []
+    for label, want in truth_loading.items():
+        if label not in got:
+            problems.append(f"{label}: missing")
+            continue
+        tol = tolerance(truth, label)
+        wants = want if isinstance(want, list) else [want]
+        if not any(abs(got[label] - w) <= tol for w in wants):
+            problems.append(f"{label}: got {got[label]}, want {want} +/- {tol}")
+    return problems
