@@ -185,6 +185,7 @@ std::int32_t TerminalDisplay::ReadChar() {
     const ssize_t got = read(0, &c, 1);
     if (got == 1) return c;
     if (got < 0 && errno == EINTR) continue;
+    if (got == 0) input_ended_ = true;
     return -1;
   }
 }

@@ -85,6 +85,10 @@ class TerminalDisplay {
   // of input or on a read error other than EAGAIN (which reads again).
   bool HandleKey();
 
+  // True once a read of standard input met its end: no key can arrive any
+  // more, so the caller may stop watching the descriptor.
+  bool InputEnded() const { return input_ended_; }
+
   std::uint32_t Line() const { return line_; }
   std::uint32_t PrevLines() const { return prev_lines_; }
   std::uint32_t Width() const { return width_; }
@@ -107,6 +111,7 @@ class TerminalDisplay {
   // Lines written or counted since the cursor last went back to the top.
   std::uint32_t line_ = 0;
   std::uint32_t prev_lines_ = 0;
+  bool input_ended_ = false;
 };
 
 }  // namespace kestro::zqp::monitor
