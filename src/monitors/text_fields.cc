@@ -1,0 +1,100 @@
+#include "monitors/text_fields.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "app/log.h"
+#include "monitor/board_path.h"
+
+namespace kestro::zqp {
+namespace {
+
+bool IsSpace(char c) {
+  return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+std::string_view Trim(std::string_view piece) {
+  while (!piece.empty() && IsSpace(piece.front())) piece.remove_prefix(1);
+  while (!piece.empty() && IsSpace(piece.back())) piece.remove_suffix(1);
+  return piece;
+}
+
+// The piece after the last delimiter is kept even when empty; the others are
+// kept only when non-empty. Trimming never turns a blank piece into nothing.
+void AddPiece(std::vector<std::string_view>& fields, std::string_view piece, bool last) {
+  if (piece.empty() && !last) return;
+  const std::string_view trimmed = Trim(piece);
+  fields.push_back(trimmed.empty() ? piece : trimmed);
+}
+
+}  // namespace
+
+std::vector<std::string_view> SplitFields(std::string_view text, char delimiter) {
+  std::vector<std::string_view> fields;
+  std::size_t start = 0;
+  for (std::size_t pos = text.find(delimiter); pos != std::string_view::npos;
+       pos = text.find(delimiter, start)) {
+    AddPiece(fields, text.substr(start, pos - start), false);
+    start = pos + 1;
+  }
+  AddPiece(fields, text.substr(start), true);
+  return fields;
+}
+
+bool ParseUnsigned(std::string_view text, std::uint64_t& value) {
+  if (text.empty() || !IsDigit(text.front())) return false;
+  constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t result = 0;
+  std::size_t i = 0;
+  for (; i < text.size() && IsDigit(text[i]); ++i) {
+    const std::uint64_t digit = static_cast<std::uint64_t>(text[i] - '0');
+    if (result > (kMax - digit) / 10) return false;
+    result = result * 10 + digit;
+  }
+  value = result;
+  return i == text.size();
+}
+
+bool IsProcessRunning(const char* name) {
+  const std::string proc = BoardPath("/proc");
+  DIR* dir = opendir(proc.c_str());
+  if (dir == nullptr) {
+    LogError("open proc failed\n");
+    return false;
+  }
+  const std::size_t name_length = std::strlen(name);
+  bool found = false;
+  while (!found) {
+    const dirent* entry = readdir(dir);
+    if (entry == nullptr) break;
+    if (!IsDigit(entry->d_name[0])) continue;
+    char path[64];
+    const int length = std::snprintf(path, sizeof(path), "/proc/%s/cmdline", entry->d_name);
+    if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path)) continue;
+    const int fd = open(BoardPath(path).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    char cmdline[256];
+    const ssize_t got = read(fd, cmdline, sizeof(cmdline) - 1);
+    close(fd);
+    if (got < 0) continue;
+    cmdline[got] = '\0';
+    // The arguments are NUL-separated, so C string functions see only the first.
+    const char* slash = std::strrchr(cmdline, '/');
+    const char* base = slash != nullptr ? slash + 1 : cmdline;
+    found = std::strncmp(base, name, name_length) == 0;
+  }
+  closedir(dir);
+  return found;
+}
+
+}  // namespace kestro::zqp

@@ -1,0 +1,32 @@
+// Text helpers shared by the DDR monitor and the memory collector, and the
+// process-name check.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace kestro::zqp {
+
+// Splits text at every delimiter. A piece ended by a delimiter is dropped when
+// empty, kept as it stands when it holds only white space (isspace), and kept
+// trimmed of leading and trailing white space otherwise. The piece after the
+// last delimiter is always kept: trimmed when something is left after
+// trimming, otherwise as it stands, so empty text or text ending in the
+// delimiter yields a final empty view. Never fails. The views point into text,
+// which must outlive them.
+std::vector<std::string_view> SplitFields(std::string_view text, char delimiter);
+
+// Parses decimal digits (no sign, no blank) into value. Returns false without
+// touching value when text is empty, does not begin with a digit, or its
+// leading digits overflow 64 bits. Otherwise stores the value of the leading
+// digits and returns true only when digits make up the whole of text ("25.5"
+// stores 25 and returns false).
+bool ParseUnsigned(std::string_view text, std::uint64_t& value);
+
+// True when some process under /proc has a first command-line argument whose
+// part after the last '/' begins with name. False when none does, or after
+// "open proc failed" (LogError) when /proc cannot be opened.
+bool IsProcessRunning(const char* name);
+
+}  // namespace kestro::zqp
