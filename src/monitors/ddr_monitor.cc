@@ -1,0 +1,219 @@
+#include "monitors/ddr_monitor.h"
+
+#include <fcntl.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "app/log.h"
+#include "monitor/board_path.h"
+#include "monitors/text_fields.h"
+
+namespace kestro::zqp {
+namespace {
+
+static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
+
+constexpr std::size_t kLineBufferSize = 512;
+// One less than the buffer, as the tool's reader always did: at most 510
+// characters and the terminating NUL per fgets.
+constexpr int kLineReadSize = 511;
+
+// Reads at most max_chars characters of the first line, without its '\n'.
+std::string ReadFirstLine(std::FILE* file, std::size_t max_chars) {
+  std::string line;
+  while (line.size() < max_chars) {
+    const int c = std::fgetc(file);
+    if (c == EOF || c == '\n') break;
+    line.push_back(static_cast<char>(c));
+  }
+  return line;
+}
+
+}  // namespace
+
+bool ChooseFirstYpuPort(bool batch) {
+  const std::string soc_path = BoardPath("/sys/class/boardinfo/soc_name");
+  if (std::FILE* soc = std::fopen(soc_path.c_str(), "re")) {
+    const std::string prefix = ReadFirstLine(soc, 3);
+    std::fclose(soc);
+    return prefix == "K4X" || prefix == "k4x";
+  }
+  LogBatchError(batch, "Get board info failed, error:%s\n\n", std::strerror(errno));
+  const std::string core_path = BoardPath("/sys/devices/system/ypu/core_num");
+  std::FILE* cores = std::fopen(core_path.c_str(), "re");
+  if (cores == nullptr) {
+    LogBatchError(batch, "Get ypu core num failed, error:%s\n\n", std::strerror(errno));
+    return false;
+  }
+  // Two characters are enough to tell "4" from every other first line.
+  const std::string count = ReadFirstLine(cores, 2);
+  std::fclose(cores);
+  return count == "4";
+}
+
+std::string BuildDdrCommand(bool first_port) {
+  std::string command = "plox_ddr -t ";
+  command += first_port ? "ypu_p0 " : "ypu ";
+  command += "-p ";
+  command += std::to_string(100000);
+  command += " -n 2 ";
+  return command;
+}
+
+bool DDRMonitor::UseFirstYpuPort(bool batch) {
+  static const bool use_first_port = ChooseFirstYpuPort(batch);
+  return use_first_port;
+}
+
+DDRMonitor::DDRMonitor(const MonitorConfig& config,
+                       const std::shared_ptr<WatchTaskRunner>& runner_in)
+    : MonitorBase(config, runner_in),
+      read_bw(2, 0),
+      write_bw(2, 0),
+      command(BuildDdrCommand(UseFirstYpuPort(config.batch))) {
+  std::vector<std::function<void()>> worker;
+  worker.emplace_back([this] { Run(); });
+  SetTasks(std::move(worker));
+  ready.store(true);
+}
+
+DDRMonitor::~DDRMonitor() {
+  Stop();
+  JoinThreads();
+}
+
+void DDRMonitor::Stop() {
+  if (stop.load()) return;
+  MonitorBase::Stop();
+  ClosePty();
+}
+
+void DDRMonitor::ClosePty() {
+  std::lock_guard<std::mutex> lock(pty_mutex);
+  if (pty_fd <= 0) return;
+  // Closing the master does not wake a read() blocked on it in another thread:
+  // the reader holds its own reference, so the kernel hangs up the tool only
+  // when that read returns, which a quiet tool may never let happen. Sending
+  // the hang-up ourselves ends the tool, the slave side closes and the read
+  // fails with EIO. forkpty made the child a session and group leader; before
+  // it gets there the group does not exist yet, so signal the child itself.
+  if (child_pid > 0 && kill(-child_pid, SIGHUP) != 0) kill(child_pid, SIGHUP);
+  close(pty_fd);
+  pty_fd = -1;
+  child_pid = 0;
+}
+
+DdrLineResult DDRMonitor::ParseLine(const char* line) {
+  if (line[0] == '-') return DdrLineResult::kIgnored;
+  const std::vector<std::string_view> fields = SplitFields(line, '|');
+  if (fields.size() < 3) return DdrLineResult::kIgnored;
+  std::vector<std::uint64_t>* target = nullptr;
+  DdrLineResult stored = DdrLineResult::kIgnored;
+  if (fields.front() == "Read") {
+    target = &read_bw;
+    stored = DdrLineResult::kRead;
+  } else if (fields.front() == "Write") {
+    target = &write_bw;
+    stored = DdrLineResult::kWrite;
+  } else {
+    return DdrLineResult::kIgnored;
+  }
+  std::uint64_t value = 0;
+  if (!ParseUnsigned(fields.back(), value)) {
+    LogBatchVerbose(batch, "Invalid data format, get: %s\n", line);
+    return DdrLineResult::kInvalid;
+  }
+  std::atomic_ref<std::uint64_t>((*target)[0]).store(value, std::memory_order_relaxed);
+  return stored;
+}
+
+std::uint64_t DDRMonitor::ReadBandwidth() const {
+  return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(read_bw[0]))
+      .load(std::memory_order_relaxed);
+}
+
+std::uint64_t DDRMonitor::WriteBandwidth() const {
+  return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(write_bw[0]))
+      .load(std::memory_order_relaxed);
+}
+
+void DDRMonitor::Run() {
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid < 0) {
+    LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
+    ready.store(false);
+    return;
+  }
+  if (pid == 0) {
+    // forkpty already closed the master in the child and made the slave its
+    // standard streams, so the message below reaches the parent through the
+    // pseudo-terminal, as the tool's own messages do.
+    execlp("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    LogBatchError(batch, "Run cmd:%s failed, error:%s\n", command.c_str(), std::strerror(errno));
+    _exit(1);
+  }
+
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  // The stream reads from a duplicate so that ClosePty, possibly on another
+  // thread, never closes the descriptor under fgets: the number could be
+  // reused by another open before fclose closed it a second time.
+  const int read_fd = fcntl(master, F_DUPFD_CLOEXEC, 1);
+  {
+    std::lock_guard<std::mutex> lock(pty_mutex);
+    pty_fd = master;
+    child_pid = pid;
+  }
+  std::FILE* stream = nullptr;
+  if (read_fd > 0) {
+    stream = fdopen(read_fd, "r");
+    if (stream == nullptr) close(read_fd);
+  }
+
+  // A Stop that ran before pty_fd was stored found nothing to close; the flag
+  // it set first is seen here, and the ClosePty below hangs the tool up.
+  auto buffer = std::make_unique<char[]>(kLineBufferSize);
+  while (stream != nullptr && !stop.load()) {
+    errno = 0;
+    if (std::fgets(buffer.get(), kLineReadSize, stream) == nullptr) {
+      if (errno == EINTR) {
+        std::clearerr(stream);
+        continue;
+      }
+      break;
+    }
+    ParseLine(buffer.get());
+  }
+
+  ClosePty();
+  // Our duplicate is the last reference to the master; dropping it before the
+  // wait lets the kernel hang up a tool that ignored the SIGHUP and would
+  // otherwise block on a full pseudo-terminal.
+  if (stream != nullptr) std::fclose(stream);
+  buffer.reset();
+
+  int status = 0;
+  pid_t waited = -1;
+  do {
+    waited = waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  if (waited < 0) {
+    LogBatchError(batch, "Wait subprocess exit failed, error:%s\n", std::strerror(errno));
+    return;
+  }
+  if (!WIFSIGNALED(status) && status != 0) {
+    ready.store(false);
+    LogBatchVerbose(batch, "Run command:%s failed, exit status:%d, please check the previous log\n",
+                    command.c_str(), WEXITSTATUS(status));
+  }
+}
+
+}  // namespace kestro::zqp

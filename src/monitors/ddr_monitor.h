@@ -1,0 +1,98 @@
+// DDR read and write bandwidth, taken from the board's measurement tool
+// plox_ddr, which runs as a child process on a pseudo-terminal while one worker
+// thread reads and parses its output lines.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "monitor/monitor_base.h"
+
+namespace kestro::zqp {
+
+// Decides which accelerator port the tool measures: true when the first line
+// of soc_name starts with "K4X" or "k4x"; when soc_name cannot be opened, true
+// when the first line of the accelerator's core_num is exactly "4". Both files
+// are read through BoardPath. False when neither opens, after
+// "Get board info failed..." and "Get ypu core num failed..." (both printed
+// only when batch is set, at log level <= 1). Reads the files on every call.
+bool ChooseFirstYpuPort(bool batch);
+
+// The shell command line that runs the tool: "plox_ddr -t ypu_p0 -p 100000
+// -n 2 " when first_port, otherwise the same with "ypu". Note the trailing
+// blank, which is part of the command as it appears in messages.
+std::string BuildDdrCommand(bool first_port);
+
+// What ParseLine did with one line of the tool's output.
+enum class DdrLineResult {
+  kIgnored,  // ruling line, fewer than 3 fields, or another first field
+  kRead,     // the read figure was stored
+  kWrite,    // the write figure was stored
+  kInvalid,  // a Read or Write row whose last field is not a whole number
+};
+
+// Monitor with one worker task, which runs the tool once per Start and ends
+// when the tool closes its output, reading fails, or Stop hangs the tool up.
+// Failures do not throw: a failed forkpty or a non-zero exit of the tool
+// clears the ready flag (so the report drops the DDR box and Start no longer
+// starts it); a tool ended by a signal, as on Stop, keeps it.
+//
+// Thread use: the worker writes the figures and ready; ReadBandwidth,
+// WriteBandwidth and IsReady may be called from any thread at any time. Stop
+// may run on any thread, concurrently with the worker. ParseLine is for the
+// worker (and for tests on a monitor that is not running).
+class DDRMonitor : public MonitorBase {
+ public:
+  // Builds the command from UseFirstYpuPort(config.batch), installs the worker
+  // as the only task and sets ready. Never fails.
+  explicit DDRMonitor(const MonitorConfig& config,
+                      const std::shared_ptr<WatchTaskRunner>& runner = nullptr);
+  // Stop, then join the worker.
+  ~DDRMonitor() override;
+
+  // When not already stopped: sets the stop flag, then ClosePty. Does not join.
+  void Stop() override;
+  // Under the mutex, when the pseudo-terminal is open (> 0): hangs up the
+  // tool's process group, closes the master and stores -1. Safe from any
+  // thread, any number of times.
+  void ClosePty();
+
+  // Parses one NUL-terminated output line, line end included. Lines starting
+  // with '-' and lines with fewer than 3 '|'-separated fields are ignored; a
+  // first field of exactly "Read" or "Write" stores the last field into that
+  // figure when it is a whole number; otherwise the figure is kept and
+  // "Invalid data format, get: <line>" is printed (batch and log level 0).
+  DdrLineResult ParseLine(const char* line);
+
+  // Latest figures in MiB/s; 0 until the tool printed one.
+  std::uint64_t ReadBandwidth() const;
+  std::uint64_t WriteBandwidth() const;
+  const std::string& Command() const { return command; }
+
+  // ChooseFirstYpuPort computed by the first caller in the process (with that
+  // caller's batch flag) and cached for the process's lifetime. Thread-safe.
+  static bool UseFirstYpuPort(bool batch);
+
+ private:
+  // The worker task: runs the tool once and reads it to the end.
+  void Run();
+
+  // Element 0 holds the figure, element 1 is never written. Accessed only
+  // through relaxed std::atomic_ref: the report reads them without a lock.
+  std::vector<std::uint64_t> read_bw;
+  std::vector<std::uint64_t> write_bw;
+  // Master side of the pseudo-terminal, -1 when none; guarded by pty_mutex
+  // together with child_pid.
+  int pty_fd = -1;
+  // The tool's shell (and process group leader) while pty_fd is open, else 0.
+  pid_t child_pid = 0;
+  std::mutex pty_mutex;
+  std::string command;
+};
+
+}  // namespace kestro::zqp
