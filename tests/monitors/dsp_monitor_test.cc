@@ -559,6 +559,30 @@ TEST_F(DspMonitorTest, LastExitJoinsAndUnmapsAndNextMessageMapsAgain) {
   });
 }
 
+TEST_F(DspMonitorTest, MessageWhileSamplingTracksThePidAndSlotWrapsAt32) {
+  MakeCores(1);
+  WaitingChild first;
+  nodes_[0]->Hold(0, first.pid());
+  CreateMonitor(Config());
+  ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
+
+  WaitingChild second;
+  nodes_[0]->Hold(1, second.pid());
+  nodes_[0]->Running().store(1u << 1);
+  // Slot 33 from the fifo acts on bit 1.
+  SendEvent(second.pid(), 33);
+  ASSERT_TRUE(runner_->WaitUntil([&] { return monitor_->TrackedProcessCount() == 2; }));
+
+  second.Release();
+  ASSERT_TRUE(runner_->WaitUntil([&] { return monitor_->TrackedProcessCount() == 1; }));
+  runner_->Call([&] {
+    EXPECT_EQ(nodes_[0]->Running().load(), 0u);
+    EXPECT_NE(nodes_[0]->node()->free_mask & (1u << 1), 0u);
+    EXPECT_EQ(nodes_[0]->node()->free_mask & 1u, 0u);
+    EXPECT_TRUE(Sampling());
+  });
+}
+
 TEST_F(DspMonitorTest, NoConfiguredNodeNeverStarts) {
   SetLogLevel(0);
   EXPECT_EQ(CreateMonitor(Config()),
