@@ -1,0 +1,162 @@
+#include "app/monitor_app.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "app/log.h"
+#include "display/report.h"
+#include "monitor/monitor_config.h"
+#include "monitor/monitor_registry.h"
+
+namespace kestro::zqp::monitor {
+namespace {
+
+// Frames drawn so far plus one; only the main thread touches it.
+std::uint32_t g_frame_counter = 1;
+
+// What a fatal signal runs before the signal is raised again.
+std::function<void(int)> g_signal_callback;
+
+// SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGUSR1, SIGSEGV, SIGUSR2, SIGPIPE,
+// SIGALRM, SIGTERM, SIGXCPU, SIGXFSZ and SIGVTALRM.
+constexpr std::uint32_t kFatalSignalMask = 0x0700FC4E;
+
+void HandleFatalSignal(int sig) {
+  if (g_signal_callback) g_signal_callback(sig);
+  signal(sig, SIG_DFL);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, sig);
+  sigprocmask(SIG_UNBLOCK, &only, nullptr);
+  raise(sig);
+  // Still alive: the default action did not end the process.
+  _exit(128 | sig);
+}
+
+}  // namespace
+
+MonitorApp::MonitorApp(const MonitorOption& option)
+    : terminal(option.batch),
+      delay_ms(option.delay_ms),
+      iterations(option.iterations),
+      frequency(option.frequency),
+      duration_s(option.duration_s),
+      batch(option.batch),
+      enable_list(option.enable_list),
+      runner(std::make_shared<WatchTaskRunner>()) {}
+
+MonitorApp::~MonitorApp() {
+  StopMonitors();
+  terminal.RestoreTerminal();
+  // The handler must not reach this object once it is gone.
+  g_signal_callback = nullptr;
+}
+
+bool MonitorApp::Init() {
+  if (initialised) return true;
+  if (stopped.load()) return false;
+
+  g_signal_callback = [this](int) {
+    StopMonitors();
+    terminal.RestoreTerminal();
+  };
+  for (int sig = 1; sig < 32; ++sig) {
+    if (kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
+  }
+
+  if (!CreateMonitors()) return false;
+  InitInput();
+  initialised = InitDisplay();
+  return initialised;
+}
+
+bool MonitorApp::CreateMonitors() {
+  MonitorOption option;
+  option.delay_ms = delay_ms;
+  option.iterations = iterations;
+  option.frequency = frequency;
+  option.duration_s = duration_s;
+  option.batch = batch;
+  option.enable_list = enable_list;
+
+  MonitorConfig ddr_config;
+  if (!BuildDdrConfig(option, ddr_config)) return false;
+  ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
+  ddr_monitor->Start();
+
+  std::vector<MonitorConfig> configs;
+  if (!GenerateMonitorConfigs(option, configs)) return false;
+  for (const MonitorConfig& config : configs) {
+    std::shared_ptr<MonitorBase> monitor = CreateMonitor(config, runner);
+    if (!monitor) continue;
+    monitors.push_back(monitor);
+    monitor->Start();
+  }
+  return true;
+}
+
+void MonitorApp::InitInput() {
+  runner->AddTask(0, [this](int fd) {
+    if (!terminal.HandleKey()) {
+      runner->Stop();
+    } else if (terminal.InputEnded()) {
+      // An ended input (a batch run from /dev/null or a closed pipe) stays
+      // readable for ever; watching it further would spin the loop.
+      runner->RemoveTask(fd);
+    }
+  });
+}
+
+bool MonitorApp::InitDisplay() {
+  if (timer.Create() != 0) {
+    LogError("timerfd_create failed, zqp monitor is not available, error:%s\n",
+             std::strerror(errno));
+    terminal.RestoreTerminal();
+    return false;
+  }
+  if (timer.SetPeriod(delay_ms) != 0) {
+    terminal.RestoreTerminal();
+    return false;
+  }
+  terminal.SetDrawCallback([this] { return DrawFrame(); });
+  runner->AddTask(timer.Fd(), [this](int fd) { OnTimer(fd); });
+  return true;
+}
+
+void MonitorApp::OnTimer(int fd) {
+  // Expiries missed while busy are read as one count and give one frame.
+  std::uint64_t expirations = 0;
+  if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
+    LogBatchError(batch, "Read timer expire time failed\n");
+  }
+  terminal.Refresh();
+  if (iterations <= g_frame_counter) runner->Stop();
+  ++g_frame_counter;
+}
+
+void MonitorApp::Run() {
+  if (initialised) runner->Run();
+}
+
+void MonitorApp::StopMonitors() {
+  if (stopped.load()) return;
+  if (ddr_monitor) ddr_monitor->Stop();
+  for (const auto& monitor : monitors) monitor->Stop();
+  stopped.store(true);
+}
+
+int MonitorApp::DrawFrame() {
+  DdrFigures ddr;
+  if (ddr_monitor) {
+    ddr.ready = ddr_monitor->IsReady();
+    ddr.read = static_cast<std::uint32_t>(ddr_monitor->ReadBandwidth());
+    ddr.write = static_cast<std::uint32_t>(ddr_monitor->WriteBandwidth());
+  }
+  return monitor::DrawFrame(terminal, monitors, ddr, memory);
+}
+
+}  // namespace kestro::zqp::monitor

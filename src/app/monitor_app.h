@@ -1,0 +1,71 @@
+// The application: owns the terminal, the event loop, the DDR and engine
+// monitors and the display timer, draws a frame at every timer expiry, and
+// stops everything on the last frame, a quit key or a fatal signal.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/monitor_option.h"
+#include "display/terminal_display.h"
+#include "monitor/monitor_base.h"
+#include "monitors/ddr_monitor.h"
+#include "monitors/memory_usage.h"
+#include "runner/watch_task_runner.h"
+
+namespace kestro::zqp::monitor {
+
+class MonitorApp {
+ public:
+  // Prepares the terminal (raw mode unless batch) and creates the runner;
+  // starts nothing.
+  explicit MonitorApp(const MonitorOption& option);
+  MonitorApp(const MonitorApp&) = delete;
+  MonitorApp& operator=(const MonitorApp&) = delete;
+  // Stops the monitors, restores the terminal, then releases the timer, the
+  // DDR monitor, the engine monitors (joining their threads) and the runner.
+  ~MonitorApp();
+
+  // Installs the fatal-signal handler, creates and starts the monitors,
+  // registers the keyboard and the display timer. True when the loop may be
+  // entered; false leaves what was started running until destruction.
+  bool Init();
+  // Runs the event loop until the last frame or a quit key; returns at once
+  // when Init did not succeed.
+  void Run();
+  // Asks every monitor to stop (does not join). Idempotent; safe from the
+  // signal handler.
+  void StopMonitors();
+  // Draws one frame; the terminal's draw callback.
+  int DrawFrame();
+
+  // The engine monitors in creation order.
+  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const { return monitors; }
+
+ private:
+  bool CreateMonitors();
+  void InitInput();
+  bool InitDisplay();
+  void OnTimer(int fd);
+
+  TerminalDisplay terminal;
+  std::uint32_t delay_ms;
+  std::uint32_t iterations;
+  std::uint32_t frequency;
+  std::uint32_t duration_s;
+  bool batch;
+  std::vector<std::string> enable_list;
+  std::shared_ptr<WatchTaskRunner> runner;
+  std::vector<std::shared_ptr<MonitorBase>> monitors;
+  std::unique_ptr<DDRMonitor> ddr_monitor;
+  PeriodicTimer timer;
+  bool initialised = false;
+  // Atomic: a fatal signal may run StopMonitors on any thread.
+  std::atomic<bool> stopped{false};
+  MemoryUsage memory;
+};
+
+}  // namespace kestro::zqp::monitor

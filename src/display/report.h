@@ -1,0 +1,37 @@
+// One frame of the report: title, per-core loading, DDR bandwidth, ION heaps
+// and the memory of the processes that hold ION memory, each a boxed
+// 50-column table written through the terminal's clipped printing.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "display/terminal_display.h"
+#include "monitor/monitor_base.h"
+#include "monitors/memory_usage.h"
+
+namespace kestro::zqp::monitor {
+
+// What the DDR box shows; no box while not ready.
+struct DdrFigures {
+  bool ready = false;
+  std::uint32_t read = 0;
+  std::uint32_t write = 0;
+};
+
+void DrawHeader(TerminalDisplay& terminal);
+void DrawLoadingTable(TerminalDisplay& terminal,
+                      const std::vector<std::shared_ptr<MonitorBase>>& monitors);
+void DrawDdrTable(TerminalDisplay& terminal, const DdrFigures& ddr);
+// Collects the ION figures first, and empties the process table afterwards, so
+// every frame starts from an empty table.
+void DrawMemoryTables(TerminalDisplay& terminal, MemoryUsage& memory);
+
+// Draws the four sections, erases what a longer previous frame left below,
+// moves the cursor back to the frame's top and flushes; returns the flush's
+// result.
+int DrawFrame(TerminalDisplay& terminal, const std::vector<std::shared_ptr<MonitorBase>>& monitors,
+              const DdrFigures& ddr, MemoryUsage& memory);
+
+}  // namespace kestro::zqp::monitor

@@ -1,0 +1,56 @@
+#include "monitor/monitor_registry.h"
+
+#include "app/log.h"
+#include "monitors/dsp_monitor.h"
+#include "monitors/file_monitor.h"
+#include "monitors/value_readers.h"
+#include "monitors/ypu_monitor.h"
+
+namespace kestro::zqp {
+namespace {
+
+template <typename Monitor, typename... Extra>
+std::shared_ptr<MonitorBase> Create(const MonitorConfig& config,
+                                    const std::shared_ptr<WatchTaskRunner>& runner,
+                                    Extra... extra) {
+  if (!CheckMonitorConfig(config)) return nullptr;
+  auto monitor = std::make_shared<Monitor>(config, runner, extra...);
+  if (!monitor->IsReady()) return nullptr;
+  return monitor;
+}
+
+MonitorFactory FileCreator(long (*reader)(float&, const char*)) {
+  return [reader](const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner) {
+    return Create<FileMonitor>(config, runner, FileMonitor::Reader(reader));
+  };
+}
+
+}  // namespace
+
+const std::unordered_map<std::string, MonitorFactory> MonitorCreator = {
+    {"YPU", Create<YPUMonitor>},           {"DSP", Create<DSPMonitor>},
+    {"GDC", FileCreator(ReadSecondToken)}, {"STITCH", FileCreator(ReadSecondToken)},
+    {"PYM", FileCreator(ReadSecondToken)}, {"ISP", FileCreator(ReadSecondToken)},
+    {"JPU", FileCreator(ReadPlainNumber)}, {"VPU", FileCreator(ReadPlainNumber)},
+};
+
+bool CheckMonitorConfig(const MonitorConfig& config) {
+  if (config.delay == 0) {
+    LogError("sample time is 0 for %s\n", config.name.c_str());
+    return false;
+  }
+  if ((config.name == "YPU" || config.name == "DSP") && config.frequency == 0) {
+    LogError("sample frequency is 0 for %s\n", config.name.c_str());
+    return false;
+  }
+  return true;
+}
+
+std::shared_ptr<MonitorBase> CreateMonitor(const MonitorConfig& config,
+                                           const std::shared_ptr<WatchTaskRunner>& runner) {
+  auto it = MonitorCreator.find(config.name);
+  if (it == MonitorCreator.end()) return nullptr;
+  return it->second(config, runner);
+}
+
+}  // namespace kestro::zqp
