@@ -87,8 +87,29 @@ bool ParseNumber(const char* text, std::int32_t& value) {
   return true;
 }
 
-bool InRange(std::int32_t value, std::uint32_t low, std::uint32_t high) {
-  return static_cast<std::uint32_t>(value) - low <= high - low;
+// low <= value <= high, tested as one unsigned comparison.
+bool ParseInRange(const char* text, std::int32_t low, std::int32_t high, const char* message,
+                  std::uint32_t& field) {
+  std::int32_t value = 0;
+  if (!ParseNumber(text, value)) return false;
+  if (static_cast<std::uint32_t>(value) - static_cast<std::uint32_t>(low) >
+      static_cast<std::uint32_t>(high - low)) {
+    LogError(message, low, high, value);
+    return false;
+  }
+  field = static_cast<std::uint32_t>(value);
+  return true;
+}
+
+bool ParsePositive(const char* text, const char* message, std::uint32_t& field) {
+  std::int32_t value = 0;
+  if (!ParseNumber(text, value)) return false;
+  if (value < 1) {
+    LogError(message, value);
+    return false;
+  }
+  field = static_cast<std::uint32_t>(value);
+  return true;
 }
 
 void AppendEnableItems(const char* text, std::vector<std::string>& list) {
@@ -148,7 +169,6 @@ MonitorOption ParseOptions(int argc, char** argv) {
   int code;
   while (option.valid &&
          (code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
-    std::int32_t value = 0;
     switch (code) {
       case 'V':
         std::fprintf(stderr, "ZQP Monitor version: %s\n", GetVersion().c_str());
@@ -160,44 +180,21 @@ MonitorOption ParseOptions(int argc, char** argv) {
         option.batch = true;
         break;
       case 'd':
-        if (!ParseNumber(optarg, value)) {
-          option.valid = false;
-        } else if (!InRange(value, 100, 10000)) {
-          LogError("delay valid range is [%d, %d], but get %d\n", 100, 10000, value);
-          option.valid = false;
-        } else {
-          option.delay_ms = static_cast<std::uint32_t>(value);
-        }
+        option.valid = ParseInRange(optarg, 100, 10000,
+                                    "delay valid range is [%d, %d], but get %d\n", option.delay_ms);
         break;
       case 'f':
-        if (!ParseNumber(optarg, value)) {
-          option.valid = false;
-        } else if (!InRange(value, 10, 1000)) {
-          LogError("sample frequency valid range is [%d, %d], but get %d\n", 10, 1000, value);
-          option.valid = false;
-        } else {
-          option.frequency = static_cast<std::uint32_t>(value);
-        }
+        option.valid =
+            ParseInRange(optarg, 10, 1000, "sample frequency valid range is [%d, %d], but get %d\n",
+                         option.frequency);
         break;
       case 'n':
-        if (!ParseNumber(optarg, value)) {
-          option.valid = false;
-        } else if (value < 1) {
-          LogError("iterater number must great than 0, but get %d\n", value);
-          option.valid = false;
-        } else {
-          option.iterations = static_cast<std::uint32_t>(value);
-        }
+        option.valid = ParsePositive(optarg, "iterater number must great than 0, but get %d\n",
+                                     option.iterations);
         break;
       case 't':
-        if (!ParseNumber(optarg, value)) {
-          option.valid = false;
-        } else if (value < 1) {
-          LogError("time must great than 0, but get %d\n", value);
-          option.valid = false;
-        } else {
-          option.duration_s = static_cast<std::uint32_t>(value);
-        }
+        option.valid =
+            ParsePositive(optarg, "time must great than 0, but get %d\n", option.duration_s);
         break;
       case 'e':
         if (optarg == nullptr) {
