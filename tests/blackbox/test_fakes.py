@@ -247,30 +247,44 @@ def test_heap_info_names_live_processes(run_on_board, truth):
 def snapshot():
     with open("/proc/self/mountinfo") as f:
         mounts = sorted(" ".join(l.split()[3:5]) for l in f)
-    procs = set()
-    for p in os.listdir("/proc"):
-        if p.isdigit():
-            try:
-                with open(f"/proc/{p}/cmdline", "rb") as f:
-                    cmd = f.read()
-            except OSError:
-                continue
-            if b"kzm_" in cmd or b"plox_ddr" in cmd or b"run-board" in cmd:
-                procs.add((p, cmd))
     tmp = {e for e in os.listdir("/tmp") if e.startswith("kzm-board-")}
-    return mounts, procs, tmp
+    return mounts, tmp
+
+
+def processes_of(workdir):
+    """Processes whose command line or environment names the board's folder.
+
+    Everything the launcher starts carries KZM_SIM_WORKDIR or the folder in its
+    arguments, so other boards running on the same machine are not counted."""
+    mark = workdir.encode()
+    found = set()
+    for p in os.listdir("/proc"):
+        if not p.isdigit():
+            continue
+        try:
+            with open(f"/proc/{p}/cmdline", "rb") as f:
+                cmd = f.read()
+            with open(f"/proc/{p}/environ", "rb") as f:
+                env = f.read()
+        except OSError:
+            continue
+        if mark in cmd or mark in env:
+            found.add((p, cmd))
+    return found
 
 
 def test_nothing_left_on_host(board_available):
     before = snapshot()
     r = subprocess.run([RUN_BOARD, "--scenario", "faults", "--build-dir", SIM_BUILD.parent, "--",
-                        "bash", "-c", "sleep 0.5; ls /dev/shm >/dev/null"],
+                        "bash", "-c", 'sleep 0.5; ls /dev/shm >/dev/null; echo "$KZM_SIM_WORKDIR"'],
                        capture_output=True, text=True, timeout=60)
     assert r.returncode == 0, r.stderr
+    workdir = r.stdout.strip()
+    assert workdir.startswith("/tmp/kzm-board-"), r.stdout
     after = snapshot()
     assert after[0] == before[0], "mounts changed on the host"
-    assert after[1] <= before[1], f"processes left: {after[1] - before[1]}"
-    assert after[2] == before[2], "temporary board folder left in /tmp"
+    assert processes_of(workdir) == set(), "processes left"
+    assert after[1] == before[1], "temporary board folder left in /tmp"
 
 
 def test_exit_status_propagates(run_on_board):
