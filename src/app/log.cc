@@ -1,6 +1,7 @@
 #include "app/log.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 

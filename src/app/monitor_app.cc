@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 
+#include "app/fatal_signals.h"
 #include "app/log.h"
 #include "display/report.h"
 #include "monitor/monitor_config.h"
@@ -20,10 +21,6 @@ std::uint32_t g_frame_counter = 1;
 
 // What a fatal signal runs before the signal is raised again.
 std::function<void(int)> g_signal_callback;
-
-// SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGUSR1, SIGSEGV, SIGUSR2, SIGPIPE,
-// SIGALRM, SIGTERM, SIGXCPU, SIGXFSZ and SIGVTALRM.
-constexpr std::uint32_t kFatalSignalMask = 0x0700FC4E;
 
 void HandleFatalSignal(int sig) {
   if (g_signal_callback) g_signal_callback(sig);
@@ -103,9 +100,10 @@ void MonitorApp::InitInput() {
   runner->AddTask(0, [this](int fd) {
     if (!terminal.HandleKey()) {
       runner->Stop();
-    } else if (terminal.InputEnded()) {
-      // An ended input (a batch run from /dev/null or a closed pipe) stays
-      // readable for ever; watching it further would spin the loop.
+    } else if (terminal.InputEnded() && !isatty(fd)) {
+      // An ended file or pipe (a batch run from /dev/null, say) stays readable
+      // for ever; watching it further would spin the loop. A terminal's
+      // end-of-file is one keystroke and keys may follow, so it stays watched.
       runner->RemoveTask(fd);
     }
   });

@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "app/fatal_signals.h"
 #include "app/log.h"
 
 namespace kestro::zqp {
@@ -31,6 +32,11 @@ void MonitorBase::Start() {
   threads.resize(tasks.size());
   stop.store(false);
   if (threads.empty()) return;
+  // Threads inherit the creating thread's mask: keep asynchronous fatal
+  // signals on the main thread.
+  const sigset_t blocked = AsyncFatalSignals();
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
   for (std::size_t i = 0; i < threads.size(); ++i) {
     // A still-joinable thread here ends the process, as a restart without
     // JoinThreads must.
@@ -41,6 +47,7 @@ void MonitorBase::Start() {
     // simply keeps its inherited name.
     pthread_setname_np(threads[i].native_handle(), thread_name.str().c_str());
   }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void MonitorBase::Stop() {

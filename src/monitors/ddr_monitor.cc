@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "app/fatal_signals.h"
 #include "app/log.h"
 #include "monitor/board_path.h"
 #include "monitors/text_fields.h"
@@ -146,21 +148,38 @@ std::uint64_t DDRMonitor::WriteBandwidth() const {
 }
 
 void DDRMonitor::Run() {
+  // forkpty, spelled out: the child must drop the program's signal handling
+  // before it touches the terminal. A stop right after the start hangs the
+  // tool up before it is running; with the hang-up's default action restored
+  // first, the child dies by that signal (not an error) instead of failing
+  // to take a terminal whose master is already closed (an exit status of 1
+  // that would read as a failed tool).
   int master = -1;
-  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-  if (pid < 0) {
+  int slave = -1;
+  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
     LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
     ready.store(false);
     return;
   }
+  const pid_t pid = fork();
+  if (pid < 0) {
+    LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
+    close(master);
+    close(slave);
+    ready.store(false);
+    return;
+  }
   if (pid == 0) {
-    // forkpty already closed the master in the child and made the slave its
-    // standard streams, so the message below reaches the parent through the
-    // pseudo-terminal, as the tool's own messages do.
+    ResetSignalsForChild();
+    close(master);
+    if (login_tty(slave) != 0) _exit(1);
+    // The slave is now the standard streams, so the message below reaches the
+    // parent through the pseudo-terminal, as the tool's own messages do.
     execlp("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
     LogBatchError(batch, "Run cmd:%s failed, error:%s\n", command.c_str(), std::strerror(errno));
     _exit(1);
   }
+  close(slave);
 
   fcntl(master, F_SETFD, FD_CLOEXEC);
   // The stream reads from a duplicate so that ClosePty, possibly on another

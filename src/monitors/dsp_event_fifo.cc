@@ -35,6 +35,17 @@ void DspEventFifo::Make() {
   if (read_fd_ < 0) {
     LogError("open %s failed, error:%s\n\n", path_.c_str(), strerror(errno));
   }
+  // Something else left at the path (a stale regular file or a folder) would
+  // be readable for ever and spin the event loop: refuse it, and leave it
+  // where it is at destruction since it is not ours.
+  struct stat status;
+  if (read_fd_ > 0 && (fstat(read_fd_, &status) != 0 || !S_ISFIFO(status.st_mode))) {
+    LogError("open %s failed, error:%s\n\n", path_.c_str(), "not a fifo");
+    close(read_fd_);
+    read_fd_ = -1;
+    path_.clear();
+    return;
+  }
   // Held for the monitor's whole life and never written: with a writer always
   // present the read end never sees end-of-file or POLLHUP between runtime
   // writers.

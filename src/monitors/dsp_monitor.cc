@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -147,8 +148,15 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     lockf(entry.lock_fd, F_ULOCK, 0);
     return false;
   }
-  void* addr =
-      mmap(nullptr, kDspLoadingNodeSize, PROT_READ | PROT_WRITE, MAP_SHARED, entry.shm_fd, 0);
+  // The runtime creates the object and sizes it in two steps; touching a
+  // mapping beyond the object's end raises SIGBUS, so a node caught in
+  // between is treated like one that cannot be mapped.
+  struct stat status;
+  void* addr = MAP_FAILED;
+  if (fstat(entry.shm_fd, &status) == 0 &&
+      status.st_size >= static_cast<off_t>(kDspLoadingNodeSize)) {
+    addr = mmap(nullptr, kDspLoadingNodeSize, PROT_READ | PROT_WRITE, MAP_SHARED, entry.shm_fd, 0);
+  }
   if (addr == MAP_FAILED) {
     close(entry.shm_fd);
     entry.shm_fd = -1;
