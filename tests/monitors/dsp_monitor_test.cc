@@ -626,6 +626,38 @@ TEST_F(DspMonitorTest, FifoCannotBeMade) {
   });
 }
 
+// A node the runtime has created but not yet sized would raise SIGBUS on the
+// first access to its mapping.
+TEST_F(DspMonitorTest, NodeNotYetSizedIsRefusedLikeAFailedMapping) {
+  MakeCores(1);
+  const int fd = shm_open(nodes_[0]->name().c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(ftruncate(fd, 0), 0);
+  close(fd);
+  EXPECT_EQ(CreateMonitor(Config(/*batch=*/true)), "mmap node addr failed\n");
+  runner_->Call([&] {
+    EXPECT_EQ(monitor_->CoreEntry(0).node, nullptr);
+    EXPECT_EQ(monitor_->CoreEntry(0).shm_fd, -1);
+  });
+}
+
+// A stale regular file at the fifo's path would be readable for ever.
+TEST_F(DspMonitorTest, SomethingElseAtTheFifoPathIsRefusedAndKept) {
+  const std::string path = BoardPath("/var/run/dsp_event");
+  const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(CreateMonitor(Config()), "open /var/run/dsp_event failed, error:not a fifo\n\n");
+  runner_->Call([&] {
+    EXPECT_EQ(monitor_->EventFifo().read_fd(), -1);
+    EXPECT_EQ(monitor_->EventFifo().write_fd(), -1);
+  });
+  DestroyMonitor();
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+}
+
 TEST_F(DspMonitorTest, FifoFileRemovedAtDestruction) {
   CreateMonitor(Config());
   struct stat st;
