@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "board_root_fixture.h"
@@ -27,14 +28,14 @@ std::string Flow(const std::string& leaf) {
   return kFlow + leaf;
 }
 
+// Every field, so that one comparison covers a whole configuration.
+auto Fields(const MonitorConfig& c) {
+  return std::tuple(c.name, c.frequency, c.delay, c.task_per_file, c.write_sample_time, c.batch,
+                    c.files);
+}
+
 void ExpectEmpty(const MonitorConfig& config) {
-  EXPECT_EQ(config.name, "");
-  EXPECT_EQ(config.frequency, 0u);
-  EXPECT_EQ(config.delay, 0u);
-  EXPECT_FALSE(config.task_per_file);
-  EXPECT_FALSE(config.write_sample_time);
-  EXPECT_FALSE(config.batch);
-  EXPECT_TRUE(config.files.empty());
+  EXPECT_EQ(Fields(config), Fields(MonitorConfig{}));
 }
 
 MonitorConfig Generate(const std::string& engine, const MonitorOption& option = Options()) {
@@ -99,13 +100,9 @@ TEST_F(MonitorConfigTest, DiscoveryCountsMatchesAndNumbersFromZero) {
     test_support::TempTree board;
     SetBoardRootForTesting(board.Path());
     Populate(board, c.entries);
-    const MonitorConfig config = Generate(c.engine);
-    EXPECT_EQ(config.name, c.engine);
-    EXPECT_EQ(config.files, c.expected);
-    const bool flow = c.engine == std::string("PYM") || c.engine == std::string("STITCH") ||
-                      c.engine == std::string("GDC") || c.engine == std::string("ISP");
-    EXPECT_EQ(config.task_per_file, flow);
-    EXPECT_EQ(config.write_sample_time, flow);
+    const bool flow = c.expected[0].starts_with(kFlow);
+    EXPECT_EQ(Fields(Generate(c.engine)),
+              Fields({c.engine, 250, 700, flow, flow, true, c.expected}));
   }
 }
 
@@ -129,14 +126,7 @@ TEST_F(MonitorConfigTest, VpsFlowEngineWithoutMatchKeepsItsName) {
   Populate(tree, {Flow("isp0_src/"), Flow("gdc0_dst/"), Flow("pym0_dst/"), Flow("stitch0_src/")});
   for (const char* engine : {"GDC", "PYM", "STITCH"}) {
     SCOPED_TRACE(engine);
-    const MonitorConfig config = Generate(engine);
-    EXPECT_EQ(config.name, engine);
-    EXPECT_TRUE(config.files.empty());
-    EXPECT_TRUE(config.task_per_file);
-    EXPECT_TRUE(config.write_sample_time);
-    EXPECT_EQ(config.frequency, 250u);
-    EXPECT_EQ(config.delay, 700u);
-    EXPECT_TRUE(config.batch);
+    EXPECT_EQ(Fields(Generate(engine)), Fields({engine, 250, 700, true, true, true, {}}));
   }
 }
 
@@ -163,24 +153,11 @@ TEST_F(MonitorConfigTest, DspWithoutDevThrowsLogicError) {
 
 TEST_F(MonitorConfigTest, YpuAndDdrConfigurations) {
   // No tree at all: the YPU generator does not look at the board.
-  const MonitorConfig ypu = GenerateYpuConfig(Options(250, 700, true));
-  EXPECT_EQ(ypu.name, "YPU");
-  EXPECT_EQ(ypu.files, Files{"/sys/devices/system/ypu/ratio"});
-  EXPECT_EQ(ypu.frequency, 250u);
-  EXPECT_EQ(ypu.delay, 700u);
-  EXPECT_TRUE(ypu.batch);
-  EXPECT_FALSE(ypu.task_per_file);
-  EXPECT_FALSE(ypu.write_sample_time);
-
+  EXPECT_EQ(Fields(GenerateYpuConfig(Options())),
+            Fields({"YPU", 250, 700, false, false, true, {"/sys/devices/system/ypu/ratio"}}));
   MonitorConfig ddr{"GDC", 9, 9, true, true, false, {"/x", "/y"}};
-  EXPECT_TRUE(BuildDdrConfig(Options(250, 700, true), ddr));
-  EXPECT_EQ(ddr.name, "DDR");
-  EXPECT_EQ(ddr.frequency, 0u);
-  EXPECT_EQ(ddr.delay, 700u);
-  EXPECT_TRUE(ddr.batch);
-  EXPECT_FALSE(ddr.task_per_file);
-  EXPECT_FALSE(ddr.write_sample_time);
-  EXPECT_TRUE(ddr.files.empty());
+  EXPECT_TRUE(BuildDdrConfig(Options(), ddr));
+  EXPECT_EQ(Fields(ddr), Fields({"DDR", 0, 700, false, false, true, {}}));
 }
 
 TEST_F(MonitorConfigTest, EnableListIsUpperCasedAndAppended) {
@@ -236,17 +213,15 @@ TEST_F(MonitorConfigTest, FullBoardGivesEveryEngineInTableOrder) {
       {"VPU", {"/sys/kernel/debug/vpu/loading", "/sys/kernel/debug/vpu1/loading"}},
   };
   std::vector<MonitorConfig> configs;
-  const std::string err = test_support::StderrOf(
-      [&] { EXPECT_TRUE(GenerateMonitorConfigs(Options(250, 700, true), configs)); });
+  const std::string err =
+      test_support::StderrOf([&] { EXPECT_TRUE(GenerateMonitorConfigs(Options(), configs)); });
   EXPECT_EQ(err, "");
   ASSERT_EQ(configs.size(), expected.size());
   for (std::size_t i = 0; i < expected.size(); ++i) {
     SCOPED_TRACE(expected[i].first);
-    EXPECT_EQ(configs[i].name, expected[i].first);
-    EXPECT_EQ(configs[i].files, expected[i].second);
-    EXPECT_EQ(configs[i].frequency, 250u);
-    EXPECT_EQ(configs[i].delay, 700u);
-    EXPECT_TRUE(configs[i].batch);
+    const bool flow = expected[i].second[0].starts_with(kFlow);
+    EXPECT_EQ(Fields(configs[i]),
+              Fields({expected[i].first, 250, 700, flow, flow, true, expected[i].second}));
   }
 }
 
