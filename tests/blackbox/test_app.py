@@ -109,3 +109,17 @@ def test_dsp_processes_appear_and_leave(run_monitor, truth):
         assert set(fr["processes"]) == set(t["processes"])
     for f in frames:
         assert layout_problems(f) == []
+
+
+def test_faults_board_keeps_a_well_formed_report(run_monitor, truth):
+    t = truth("faults")
+    n = int(t["settle_s"]) + 1
+    r = run_monitor("faults", ["-b", "-d", "1000", "-n", str(n)], timeout=40)
+    assert r.returncode == 0, r.stderr
+    frames = frames_of(r)
+    assert len(frames) == n
+    for i, f in enumerate(frames):
+        assert layout_problems(f) == [], f"frame {i}"
+    assert codes(frames[-1]) == expected_frame_codes(t)
+    # Diagnostics go to standard error only.
+    assert not [line for f in frames for line in f if "failed" in line or "wrong" in line]

@@ -201,3 +201,24 @@ def test_fatal_signal_restores_terminal_and_kills_by_signal(pty_session, binary,
     os.kill(pid, sig)
     row = check_restored(s, tmp_path, 128 + sig)
     assert row > len(FULL_CODES)
+
+
+def test_faults_board_interactive_screen_stays_clean(pty_session, binary, truth):
+    """Broken drivers and a crashing DSP client: the program keeps drawing, and
+    no diagnostic disturbs the interactive report."""
+    t = truth("faults")
+    rows, cols = 50, 100
+    s = pty_session([binary, "-d", "500"], rows=rows, cols=cols, scenario="faults")
+    wait_frames(s, 8)  # past the client's death at 3 s
+    assert s.child.isalive()
+    s.send("Q")
+    assert s.wait_exit(10) == 0
+    want = expected_codes(len(t["rows"]), False, len(t["heaps"]), len(t["processes"]))
+    got = lines(screen_after(s.raw, 8, rows, cols))
+    assert codes(got[:len(want)]) == want
+    assert layout_problems(got[:len(want)]) == []
+    assert got[len(want):] == [""] * (rows - len(want))
+    # The one unconditional start-up message comes before the first frame clears
+    # the screen; nothing of the kind is written once the report is up.
+    drawn = s.raw[s.raw.index(b"\x1b[H\x1b[0J"):]
+    assert b"failed" not in drawn and b"wrong dsp" not in drawn
