@@ -1,0 +1,125 @@
+#!/usr/bin/python3
+"""Cost of the monitor on the simulated board ("full" scenario, default options).
+
+    bench/measure.py [--seconds N] [--quits K] [--build-dir DIR] [--scenario NAME]
+
+Runs the binary interactively in a pseudo-terminal (100x50) on the board and
+reports, as seen from inside the board's PID namespace:
+  - CPU time (user+sys of all its threads, /proc/<pid>/stat) per second of run
+    time, measured over N seconds after a one-second warm-up;
+  - peak resident memory (VmHWM of /proc/<pid>/status);
+  - time from writing "q" to the terminal to the process's exit (K more short
+    runs add samples).
+Needs root (see sim/README.md). Not run by CTest.
+"""
+import argparse
+import fcntl
+import json
+import os
+import pty
+import struct
+import subprocess
+import sys
+import termios
+import threading
+import time
+
+REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+
+
+def proc_cpu_s(pid):
+    with open(f"/proc/{pid}/stat") as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def proc_status(pid, key):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith(key + ":"):
+                return int(line.split()[1])
+    return None
+
+
+def one_run(binary, seconds, measure_cpu):
+    pid, fd = pty.fork()
+    if pid == 0:
+        os.execv(binary, [binary])
+    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack("HHHH", 50, 100, 0, 0))
+    out = bytearray()
+
+    def drain():
+        while True:
+            try:
+                data = os.read(fd, 65536)
+            except OSError:
+                return
+            if not data:
+                return
+            out.extend(data)
+
+    threading.Thread(target=drain, daemon=True).start()
+    result = {}
+    time.sleep(1.0)  # warm-up: monitors started, first frame drawn
+    if measure_cpu:
+        c0, t0 = proc_cpu_s(pid), time.monotonic()
+        time.sleep(seconds)
+        c1, t1 = proc_cpu_s(pid), time.monotonic()
+        result["cpu_percent_of_one_core"] = 100.0 * (c1 - c0) / (t1 - t0)
+        result["wall_s"] = t1 - t0
+        result["frames"] = bytes(out).count(b"| Monitor ")
+    else:
+        time.sleep(seconds)
+    result["vm_hwm_kib"] = proc_status(pid, "VmHWM")
+    result["threads"] = proc_status(pid, "Threads")
+    q = time.monotonic()
+    os.write(fd, b"q")
+    _, status = os.waitpid(pid, 0)
+    result["quit_ms"] = 1000.0 * (time.monotonic() - q)
+    result["exit_status"] = os.waitstatus_to_exitcode(status)
+    os.close(fd)
+    return result
+
+
+def inner(args):
+    main = one_run(args.binary, args.seconds, True)
+    quits = [main["quit_ms"]] + [one_run(args.binary, 1.0, False)["quit_ms"]
+                                 for _ in range(args.quits)]
+    main["quit_ms_all"] = [round(q, 1) for q in quits]
+    print(json.dumps(main))
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--seconds", type=float, default=20)
+    ap.add_argument("--quits", type=int, default=4)
+    ap.add_argument("--scenario", default="full")
+    ap.add_argument("--build-dir", default=os.path.join(REPO, "build"))
+    ap.add_argument("--inner", action="store_true")
+    ap.add_argument("--binary")
+    args = ap.parse_args()
+    if args.inner:
+        return inner(args)
+    binary = args.binary or os.path.join(os.path.abspath(args.build_dir), "kvt_zqp_monitor")
+    cmd = [os.path.join(REPO, "sim", "run-board"), "--scenario", args.scenario,
+           "--build-dir", args.build_dir, "--", "/usr/bin/python3", os.path.realpath(__file__),
+           "--inner", "--binary", binary, "--seconds", str(args.seconds),
+           "--quits", str(args.quits)]
+    r = subprocess.run(cmd, capture_output=True, text=True, stdin=subprocess.DEVNULL)
+    if r.returncode != 0:
+        sys.stderr.write(r.stderr)
+        return r.returncode
+    res = json.loads(r.stdout.strip().splitlines()[-1])
+    quits = sorted(res["quit_ms_all"])
+    print(f"scenario {args.scenario}, default options, {res['wall_s']:.1f} s measured, "
+          f"{res['frames']} frames, {res['threads']} threads")
+    print(f"CPU: {res['cpu_percent_of_one_core']:.2f} % of one core   (target < 2 %)")
+    print(f"peak RSS (VmHWM): {res['vm_hwm_kib'] / 1024:.2f} MiB   (target < 8 MiB)")
+    print(f"quit latency: median {quits[len(quits) // 2]:.1f} ms, max {quits[-1]:.1f} ms "
+          f"over {len(quits)} runs {quits}   (target < 100 ms)")
+    print(f"exit status after q: {res['exit_status']}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,224 @@
+"""Interactive use in a pseudo-terminal: in-place redraw clipped to the window,
+quit keys, fatal signals, and the terminal left as it was found."""
+import os
+import re
+import signal
+import time
+
+import pyte
+import pytest
+
+from conftest import need_report
+from report_layout import (BORDER, HEADER_TEXTS, TITLE, codes, expected_codes,
+                           layout_problems)
+
+CURSOR_UP = re.compile(rb"\x1b\[(\d+)A")
+HIDE, SHOW = b"\x1b[?25l", b"\x1b[?25h"
+FULL_CODES = expected_codes(15, True, 4, 2)  # the "full" board once running: 40 lines
+
+
+def frames_done(raw):
+    """Frames completed so far: each frame ends by moving the cursor back up."""
+    return len(CURSOR_UP.findall(raw))
+
+
+def wait_frames(s, n, timeout=15):
+    end = time.monotonic() + timeout
+    while frames_done(s.raw) < n and time.monotonic() < end and s.child.isalive():
+        s.pump(0.1)
+    if frames_done(s.raw) < n:
+        need_report([], f"{frames_done(s.raw)} frames: {s.raw[-300:]!r}")
+
+
+def screen_after(raw, n, rows, cols):
+    """The screen exactly as it stands after frame n (1-based) was drawn."""
+    m = list(CURSOR_UP.finditer(raw))[n - 1]
+    screen = pyte.Screen(cols, rows)
+    pyte.ByteStream(screen).feed(raw[:m.end()])
+    return screen
+
+
+def lines(screen):
+    return [line.rstrip() for line in screen.display]
+
+
+def check_reverse_headers(screen, nlines):
+    """Headers are drawn in reverse video between two plain bars; nothing else is."""
+    for y in range(nlines):
+        text = screen.display[y][1:49]
+        rev = [screen.buffer[y][x].reverse for x in range(50)]
+        if text in HEADER_TEXTS:
+            assert rev == [False] + [True] * 48 + [False], y
+        else:
+            assert not any(rev), y
+
+
+@pytest.mark.parametrize("rows,cols", [(24, 80), (40, 120)])
+def test_redraws_in_place_clipped_to_window(pty_session, binary, rows, cols):
+    s = pty_session([binary, "-d", "500"], rows=rows, cols=cols, scenario="full")
+    wait_frames(s, 3)
+    s.send("q")
+    assert s.wait_exit(10) == 0
+    shown = min(len(FULL_CODES), rows - 1)  # line indexes 0 .. rows-2 are written
+    for n in (1, 3):
+        scr = screen_after(s.raw, n, rows, cols)
+        got = lines(scr)
+        assert got[0] == BORDER and got[1] == TITLE, (n, got[:2])  # nothing scrolled
+        assert layout_problems(got[:shown], complete=False) == [], n
+        assert codes(got[:shown]) == FULL_CODES[:shown], n
+        assert got[shown:] == [""] * (rows - shown), n  # the last row stays free
+        check_reverse_headers(scr, shown)
+        assert (scr.cursor.y, scr.cursor.x) == (0, 0), n
+    # The screen is cleared once, at the first frame; later frames overwrite in place,
+    # each going back up by the frame's whole line count.
+    upto3 = s.raw[:list(CURSOR_UP.finditer(s.raw))[2].end()]
+    assert upto3.startswith(HIDE + b"\x1b[H\x1b[0J")
+    assert upto3.count(b"\x1b[H") == 1 and upto3.count(b"\x1b[0J") == 1
+    assert [int(m) for m in CURSOR_UP.findall(upto3)] == [len(FULL_CODES)] * 3
+    assert b"\x1b[K" not in upto3  # frames of equal length erase nothing
+
+
+def test_window_of_ten_by_five_is_the_smallest_drawn(pty_session, binary):
+    s = pty_session([binary, "-d", "200", "-n", "2"], rows=5, cols=10, scenario="full")
+    assert s.wait_exit(15) == 0
+    need_report([] if frames_done(s.raw) == 0 else [1], s.raw[-200:])
+    got = lines(screen_after(s.raw, 1, 5, 10))
+    # Lines 0..3 cut to 10 columns; the highlighted header loses 4 more to its escape.
+    assert got == [BORDER[:10], TITLE[:10].rstrip(), "|" + "-" * 9,
+                   "|" + HEADER_TEXTS[0][:6] + "|", ""]
+
+
+@pytest.mark.parametrize("rows,cols", [(24, 9), (4, 80)], ids=["9-columns", "4-rows"])
+def test_too_small_window_draws_nothing(pty_session, binary, rows, cols):
+    s = pty_session([binary, "-d", "200", "-n", "3"], rows=rows, cols=cols, scenario="full")
+    assert s.wait_exit(15) == 0
+    # Hidden cursor at start; on the way out only the restore (move below the
+    # empty frame, new line, cursor shown), possibly repeated.
+    assert re.fullmatch(rb"\x1b\[\?25l(?:\x1b\[0B\r\n\x1b\[\?25h)+", s.raw), s.raw
+
+
+def test_shorter_frame_erases_its_old_tail(pty_session, binary):
+    """In dsp_churn a process holding ION memory ends at 2.5 s: the frame loses a line."""
+    rows, cols = 50, 100
+    s = pty_session([binary, "-d", "500"], rows=rows, cols=cols, scenario="dsp_churn")
+    wait_frames(s, 9)
+    s.send("q")
+    assert s.wait_exit(10) == 0
+    ends = [m.end() for m in CURSOR_UP.finditer(s.raw)]
+    frames = [s.raw[a:b] for a, b in zip([0] + ends, ends)]
+    erased = [i for i, f in enumerate(frames) if b"\x1b[K" in f]
+    assert erased, [f[-20:] for f in frames]
+    k = erased[0]  # 0-based index of the first shorter frame
+    before = lines(screen_after(s.raw, k, rows, cols))
+    assert codes(before[:24]) == "BTRLrrRDREwxRIRJhRPRKppB" and before[24:] == [""] * (rows - 24)
+    for n in range(k + 1, len(frames) + 1):
+        got = lines(screen_after(s.raw, n, rows, cols))
+        assert codes(got[:23]) == "BTRLrrRDREwxRIRJhRPRKpB", n
+        assert layout_problems(got[:23]) == [], n
+        assert got[23:] == [""] * (rows - 23), n  # the old bottom border is gone
+    # The row below the shorter frame is erased, and the cursor goes back to the top.
+    assert frames[k].endswith(b"+\r\n\x1b[K\x1b[1B\x1b[24A"), frames[k][-40:]
+
+
+# ------------------------------------------------------------ terminal restored
+
+WRAPPER = 'stty -g > "$1/before"; "$2" -d 200; echo "rc=$?"; stty -g > "$1/after"'
+
+
+def start_wrapped(pty_session, binary, tmp_path):
+    s = pty_session(["bash", "-c", WRAPPER, "bash", str(tmp_path), binary],
+                    rows=50, cols=100, scenario="full")
+    wait_frames(s, 2)
+    return s
+
+
+def check_restored(s, tmp_path, rc):
+    assert s.wait_exit(15) == 0  # the wrapper's own status (stty)
+    text = s.raw.decode(errors="replace")
+    assert f"rc={rc}" in text, text[-300:]
+    assert (tmp_path / "before").read_text() == (tmp_path / "after").read_text()
+    monitor_out = s.raw.split(b"rc=")[0]
+    tail = monitor_out[monitor_out.rfind(SHOW):]
+    assert monitor_out.rfind(SHOW) > monitor_out.rfind(b"| Monitor"), "cursor not shown again"
+    assert b"|" not in tail and b"\x1b[" not in tail[len(SHOW):]
+    # The shell's next output comes below the last frame, which is left intact.
+    scr = lines(s.screen)
+    assert scr[0] == BORDER and scr[1] == TITLE
+    row = next(i for i, line in enumerate(scr) if line.startswith("rc="))
+    return row
+
+
+@pytest.mark.parametrize("key", [b"q", b"Q", b"\x03", b"\x04", b"\x1a"],
+                         ids=["q", "Q", "ctrl-c", "ctrl-d", "ctrl-z"])
+def test_quit_key_ends_with_status_0_and_restores_terminal(pty_session, binary, tmp_path, key):
+    s = start_wrapped(pty_session, binary, tmp_path)
+    before = frames_done(s.raw)
+    s.send(b"x")  # any other key: keeps running, not echoed
+    end = time.monotonic() + 5
+    while frames_done(s.raw) < before + 2 and time.monotonic() < end:
+        s.pump(0.1)
+    assert frames_done(s.raw) >= before + 2 and s.child.isalive()
+    assert b"x" not in s.raw
+    s.send(key)
+    row = check_restored(s, tmp_path, 0)
+    assert row == len(FULL_CODES) + 1  # cursor home, down 40 lines, new line
+
+
+def monitor_pid(root):
+    """The monitor process among the descendants of the launcher (host pids)."""
+    parent = {}
+    for d in os.listdir("/proc"):
+        if d.isdigit():
+            try:
+                with open(f"/proc/{d}/stat") as f:
+                    parent[int(d)] = int(f.read().rsplit(")", 1)[1].split()[1])
+            except (OSError, IndexError, ValueError):
+                pass
+    kids, todo = set(), [root]
+    while todo:
+        p = todo.pop()
+        for c, pp in parent.items():
+            if pp == p and c not in kids:
+                kids.add(c)
+                todo.append(c)
+    for p in kids:
+        try:
+            with open(f"/proc/{p}/cmdline", "rb") as f:
+                argv0 = f.read().split(b"\0")[0]
+        except OSError:
+            continue
+        if os.path.basename(argv0) == b"kvt_zqp_monitor":
+            return p
+    return None
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGUSR1],
+                         ids=lambda s: signal.Signals(s).name)
+def test_fatal_signal_restores_terminal_and_kills_by_signal(pty_session, binary, tmp_path, sig):
+    s = start_wrapped(pty_session, binary, tmp_path)
+    pid = monitor_pid(s.child.pid)
+    assert pid is not None
+    os.kill(pid, sig)
+    row = check_restored(s, tmp_path, 128 + sig)
+    assert row > len(FULL_CODES)
+
+
+def test_faults_board_interactive_screen_stays_clean(pty_session, binary, truth):
+    """Broken drivers and a crashing DSP client: the program keeps drawing, and
+    no diagnostic disturbs the interactive report."""
+    t = truth("faults")
+    rows, cols = 50, 100
+    s = pty_session([binary, "-d", "500"], rows=rows, cols=cols, scenario="faults")
+    wait_frames(s, 8)  # past the client's death at 3 s
+    assert s.child.isalive()
+    s.send("Q")
+    assert s.wait_exit(10) == 0
+    want = expected_codes(len(t["rows"]), False, len(t["heaps"]), len(t["processes"]))
+    got = lines(screen_after(s.raw, 8, rows, cols))
+    assert codes(got[:len(want)]) == want
+    assert layout_problems(got[:len(want)]) == []
+    assert got[len(want):] == [""] * (rows - len(want))
+    # The one unconditional start-up message comes before the first frame clears
+    # the screen; nothing of the kind is written once the report is up.
+    drawn = s.raw[s.raw.index(b"\x1b[H\x1b[0J"):]
+    assert b"failed" not in drawn and b"wrong dsp" not in drawn
