@@ -88,9 +88,10 @@ MonitorConfig GenerateYpuConfig(const MonitorOption& option) {
 MonitorConfig GenerateDspConfig(const MonitorOption& option) {
   std::vector<std::string> entries;
   if (ListDir("/dev/", "vdsp", "", entries) != 0) {
-    // The generator fails the way the board's original build did: by building
-    // its result's name from a null pointer. Nothing catches it, so the process
-    // aborts through the fatal-signal path, which still restores the terminal.
+    // Kept on purpose: without "/dev/" the generator fails with the logic
+    // error of a string built from a null pointer. Nothing catches it, so the
+    // process aborts through the fatal-signal path, which still stops the
+    // monitors and restores the terminal.
     throw std::logic_error("basic_string: construction from null is not valid");
   }
   std::vector<std::string> files;
