@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 namespace kestro::zqp::monitor {
@@ -123,9 +122,7 @@ TEST_F(PtyTest, RawModeClearsLocalFlagsAndRestoreBringsThemBack) {
   });
   EXPECT_EQ(raw.c_lflag & (ISIG | ICANON | ECHO | ECHONL), 0u);
   // Only those four flags change (the mask 0x4B).
-  constexpr tcflag_t kCleared = ISIG | ICANON | ECHO | ECHONL;
-  EXPECT_EQ(kCleared, 0x4Bu);
-  EXPECT_EQ(raw.c_lflag | kCleared, original_.c_lflag | kCleared);
+  EXPECT_EQ(raw.c_lflag | 0x4Bu, original_.c_lflag | 0x4Bu);
   EXPECT_EQ(raw.c_cc[VMIN], 1);
   EXPECT_EQ(raw.c_cc[VTIME], 0);
   EXPECT_EQ(raw.c_iflag, original_.c_iflag);
@@ -208,10 +205,8 @@ TEST_P(WindowSizeTest, SizesFromWindow) {
 INSTANTIATE_TEST_SUITE_P(
     Table, WindowSizeTest,
     ::testing::Values(SizeCase{24, 80, true, 80, 22}, SizeCase{24, 500, true, 446, 22},
-                      SizeCase{24, 446, true, 446, 22}, SizeCase{24, 10, true, 10, 22},
-                      SizeCase{24, 9, false, 9, 22}, SizeCase{5, 80, true, 80, 3},
-                      SizeCase{4, 80, false, 80, 2}, SizeCase{2, 80, false, 80, 0},
-                      SizeCase{0, 0, false, 0, 0}));
+                      SizeCase{24, 10, true, 10, 22}, SizeCase{24, 9, false, 9, 22},
+                      SizeCase{5, 80, true, 80, 3}, SizeCase{4, 80, false, 80, 2}));
 
 TEST_F(PtyTest, LinesBeyondLimitAreCountedNotWritten) {
   std::uint32_t lines = 0;
@@ -288,10 +283,8 @@ TEST_P(PtyKeyTest, RawKeys) {
 // suspend (^Z) characters arrive as bytes and quit.
 INSTANTIATE_TEST_SUITE_P(Table, PtyKeyTest,
                          ::testing::Values(KeyCase{"q", false}, KeyCase{"Q", false},
-                                           KeyCase{"x", true}, KeyCase{"Z", true},
-                                           KeyCase{"\x03", false}, KeyCase{"\x04", false},
-                                           KeyCase{"\x1a", false}, KeyCase{"1", true},
-                                           KeyCase{"\xf1", true}));
+                                           KeyCase{"x", true}, KeyCase{"\x03", false},
+                                           KeyCase{"\x04", false}, KeyCase{"\x1a", false}));
 
 // Batch mode never reads the terminal's settings, so its saved characters are
 // all NUL.
@@ -362,11 +355,6 @@ TEST(BatchOutputTest, WritesNoEscapeSequenceAndNeverCuts) {
   EXPECT_EQ(results[1], 0);
   EXPECT_EQ(line, 36u);
   EXPECT_EQ(prev, 36u);
-}
-
-TEST(BatchOutputTest, RefreshWithoutCallbackThrows) {
-  TerminalDisplay display(true);
-  EXPECT_THROW(display.Refresh(), std::bad_function_call);
 }
 
 }  // namespace
