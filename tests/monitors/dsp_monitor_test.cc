@@ -10,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -119,12 +118,7 @@ class RunnerThread {
 
   // Evaluates pred on the runner's thread until it holds or timeout passes.
   bool WaitUntil(const std::function<bool()>& pred, milliseconds timeout = milliseconds(20000)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!Call(pred)) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(milliseconds(2));
-    }
-    return true;
+    return test_support::WaitFor([&] { return Call(pred); }, timeout);
   }
 
  private:
@@ -148,19 +142,28 @@ class RunnerThread {
 };
 
 // A child process that lives until released (or 60 s pass), so its pidfd and
-// its exit are real.
+// its exit are real. Given a node, it meanwhile sets running bit `slot` for
+// `on_ms` of every 10 ms.
 class WaitingChild {
  public:
-  WaitingChild() {
+  explicit WaitingChild(DspLoadingNode* node = nullptr, std::uint32_t slot = 0, int on_ms = 0) {
     int fds[2];
     EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
       close(fds[1]);
-      pollfd entry{fds[0], POLLIN, 0};
       // Released by a byte rather than end-of-file: later siblings inherit
       // this pipe's write end.
-      poll(&entry, 1, 60000);
+      pollfd entry{fds[0], POLLIN, 0};
+      if (node == nullptr) _exit(poll(&entry, 1, 60000) < 0);
+      std::atomic_ref<std::uint32_t> running(node->running_mask);
+      auto next = std::chrono::steady_clock::now();
+      for (int cycle = 0; cycle < 6000 && poll(&entry, 1, 0) == 0; ++cycle) {
+        running.fetch_or(1u << slot);
+        std::this_thread::sleep_until(next += milliseconds(on_ms));
+        running.fetch_and(~(1u << slot));
+        std::this_thread::sleep_until(next += milliseconds(10 - on_ms));
+      }
       _exit(0);
     }
     close(fds[0]);
@@ -193,51 +196,6 @@ pid_t DeadPid() {
   waitpid(pid, nullptr, 0);
   return pid;
 }
-
-// Sets running bit `slot` for `on_ms` of every `period_ms` until released.
-class DutyCycleChild {
- public:
-  DutyCycleChild(DspLoadingNode* node, std::uint32_t slot, int on_ms, int period_ms) {
-    int fds[2];
-    EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(fds[1]);
-      std::atomic_ref<std::uint32_t> running(node->running_mask);
-      timespec next;
-      clock_gettime(CLOCK_MONOTONIC, &next);
-      pollfd entry{fds[0], POLLIN, 0};
-      for (int cycle = 0; cycle < 6000 && poll(&entry, 1, 0) == 0; ++cycle) {
-        running.fetch_or(1u << slot);
-        Advance(next, on_ms);
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-        running.fetch_and(~(1u << slot));
-        Advance(next, period_ms - on_ms);
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-      }
-      _exit(0);
-    }
-    close(fds[0]);
-    release_fd_ = fds[1];
-  }
-  ~DutyCycleChild() {
-    EXPECT_EQ(write(release_fd_, "x", 1), 1);
-    close(release_fd_);
-    waitpid(pid_, nullptr, 0);
-  }
-  pid_t pid() const { return pid_; }
-
- private:
-  static void Advance(timespec& t, int ms) {
-    t.tv_nsec += static_cast<long>(ms) * 1000000L;
-    while (t.tv_nsec >= 1000000000L) {
-      t.tv_nsec -= 1000000000L;
-      ++t.tv_sec;
-    }
-  }
-  pid_t pid_ = -1;
-  int release_fd_ = -1;
-};
 
 void WriteFifo(const void* data, std::size_t size) {
   const int fd = open(BoardPath("/var/run/dsp_event").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -551,7 +509,7 @@ TEST_F(DspMonitorTest, SomethingElseAtTheFifoPathIsRefusedAndKept) {
 
 TEST_F(DspMonitorTest, LoadingFollowsADutyCycle) {
   MakeCores(1);
-  DutyCycleChild child(nodes_[0]->node(), 6, /*on_ms=*/4, /*period_ms=*/10);
+  WaitingChild child(nodes_[0]->node(), 6, /*on_ms=*/4);
   nodes_[0]->Hold(6, child.pid());
   CreateMonitor(Config(/*batch=*/true, /*delay=*/200));
   ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
