@@ -36,25 +36,11 @@ constexpr const char* kGdc1 = "/sys/devices/virtual/vps/flow/gdc1_src/loading";
 constexpr const char* kJpu0 = "/sys/kernel/debug/jpu/loading";
 constexpr const char* kJpu1 = "/sys/kernel/debug/jpu1/loading";
 
-MonitorConfig VpsConfig(std::vector<std::string> files, std::uint32_t delay = 1000,
-                        bool write_sample_time = true) {
-  MonitorConfig config;
-  config.name = "GDC";
-  config.frequency = 500;
-  config.delay = delay;
-  config.task_per_file = true;
-  config.write_sample_time = write_sample_time;
-  config.files = std::move(files);
-  return config;
-}
-
-MonitorConfig JpuConfig(std::vector<std::string> files, std::uint32_t delay = 1000) {
-  MonitorConfig config;
-  config.name = "JPU";
-  config.frequency = 500;
-  config.delay = delay;
-  config.files = std::move(files);
-  return config;
+// A vps flow engine (one task per file, sample time written) or JPU.
+MonitorConfig Config(std::vector<std::string> files, std::uint32_t delay = 1000,
+                     bool write_sample_time = true, const char* name = "GDC") {
+  const bool per_file = name != std::string("JPU");
+  return MonitorConfig{name, 500, delay, per_file, write_sample_time, false, std::move(files)};
 }
 
 std::unique_ptr<FileMonitor> Make(const MonitorConfig& config,
@@ -74,7 +60,7 @@ TEST(FileMonitorTest, WritesTheClampedSamplePeriodOnce) {
     tree.WriteFile(kGdc0, "");
     tree.WriteFile(kGdc1, "gdc1 55.5 %\n");
     {
-      auto writing = Make(VpsConfig({kGdc0, kGdc1}, c.delay));
+      auto writing = Make(Config({kGdc0, kGdc1}, c.delay));
       EXPECT_TRUE(writing->IsReady());
       EXPECT_EQ(writing->GetSamplePeriod(), c.period);
     }
@@ -92,7 +78,7 @@ TEST(FileMonitorTest, RefusedSampleTimeIsReportedAndFileStillUsed) {
   std::unique_ptr<FileMonitor> monitor;
   const std::string err = CaptureStderr([&] {
     ScopedLogLevel verbose(0);
-    monitor = Make(VpsConfig({kGdc0}, 700));
+    monitor = Make(Config({kGdc0}, 700));
   });
   EXPECT_EQ(err, std::string("Set sample time 700 for ") + kGdc0 + " failed, use default value\n");
   EXPECT_TRUE(monitor->IsReady());
@@ -120,7 +106,7 @@ TEST(FileMonitorTest, NotReadyWithoutAnOpenedFile) {
     std::unique_ptr<FileMonitor> monitor;
     const std::string err = CaptureStderr([&] {
       ScopedLogLevel level(c.verbose ? 0 : 1);
-      monitor = Make(VpsConfig(c.files));
+      monitor = Make(Config(c.files));
     });
     EXPECT_EQ(err, c.expected);
     EXPECT_FALSE(monitor->IsReady());
@@ -136,7 +122,7 @@ TEST(FileMonitorTest, JpuWithOnlyTheFirstFileRunsOneThreadForBoth) {
   std::unique_ptr<FileMonitor> monitor;
   const std::string err = CaptureStderr([&] {
     ScopedLogLevel verbose(0);
-    monitor = Make(JpuConfig({kJpu0, kJpu1}, 200), ReadPlainNumber);
+    monitor = Make(Config({kJpu0, kJpu1}, 200, false, "JPU"), ReadPlainNumber);
   });
   EXPECT_EQ(err, "JPU1 loading node not exist,/sys/kernel/debug/jpu1/loading\n");
   ASSERT_TRUE(monitor->IsReady());
@@ -194,7 +180,7 @@ TEST(FileMonitorTest, TimeSpentBlockedInTheReadCountsAgainstThePeriod) {
     ASSERT_EQ(write(fifo, "a 1 %", 5), 5);
 
     ReadLog log;
-    auto monitor = Make(VpsConfig({kGdc0}, 1000, false), log.Reader());
+    auto monitor = Make(Config({kGdc0}, 1000, false), log.Reader());
     ASSERT_TRUE(monitor->IsReady());
     monitor->Start();
     std::thread writer([&] {

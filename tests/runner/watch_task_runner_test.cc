@@ -158,30 +158,6 @@ TEST(WatchTaskRunnerTest, TaskAddedFromAnotherThreadIsWatchedAfterTheCurrentPoll
   EXPECT_TRUE(late_called);
 }
 
-TEST(WatchTaskRunnerTest, StopFromAnotherThreadIsSeenAtTheNextWakeup) {
-  WatchTaskRunner runner;
-  PeriodicTimer timer;
-  ASSERT_EQ(timer.Create(), 0);
-  ASSERT_EQ(timer.SetPeriod(100), 0);
-  int ticks = 0;
-  runner.AddTask(timer.Fd(), [&](int fd) {
-    std::uint64_t count;
-    EXPECT_EQ(read(fd, &count, sizeof count), 8);
-    ++ticks;
-  });
-  const auto start = std::chrono::steady_clock::now();
-  std::thread stopper([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    runner.Stop();
-  });
-  runner.Run();
-  stopper.join();
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(elapsed, std::chrono::milliseconds(250));
-  EXPECT_LT(elapsed, std::chrono::seconds(3));
-  EXPECT_GE(ticks, 2);
-}
-
 TEST(PeriodicTimerTest, PeriodIsProgrammedAsSecondsAndNanoseconds) {
   std::optional<PeriodicTimer> timer(std::in_place);
   EXPECT_EQ(timer->Fd(), -1);
