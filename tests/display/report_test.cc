@@ -8,9 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "display/format_size.h"
-#include "monitor/board_path.h"
-#include "support/temp_tree.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp::monitor {
 namespace {
@@ -31,12 +29,9 @@ class FixedMonitor : public MonitorBase {
   }
 };
 
-class ReportTest : public testing::Test {
+// No heap file on the board: the collector leaves the record as the test filled it.
+class ReportTest : public test_support::BoardRootTest {
  protected:
-  // No heap file: the collector leaves the record as the test filled it.
-  void SetUp() override { SetBoardRootForTesting(tree.Path()); }
-  void TearDown() override { SetBoardRootForTesting(""); }
-
   std::string Draw(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
                    const DdrFigures& ddr) {
     TerminalDisplay terminal(true);
@@ -45,7 +40,6 @@ class ReportTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
 
-  test_support::TempTree tree;
   MemoryUsage memory;
 };
 
@@ -103,24 +97,6 @@ TEST_F(ReportTest, FullReport) {
   EXPECT_EQ(frame, expected);
   // The table is emptied after every frame.
   EXPECT_TRUE(memory.processes.empty());
-}
-
-TEST(FormatSizeInReportTest, FieldsAsPrinted) {
-  struct Case {
-    std::uint64_t bytes;
-    const char* text;
-  };
-  const Case cases[] = {
-      {0, "   0.0 "},       {1023, "1023.0 "},    {1536, "   1.5K"},
-      {1048064, "1023.5K"}, {1048575, "1024.0K"}, {1048576, "   1.0M"},
-  };
-  for (const Case& c : cases) {
-    HumanSize size{};
-    FormatSize(c.bytes, size);
-    char text[32];
-    std::snprintf(text, sizeof text, "%4lu.%u%c", size.value, size.tenth, size.unit);
-    EXPECT_STREQ(text, c.text) << c.bytes;
-  }
 }
 
 }  // namespace

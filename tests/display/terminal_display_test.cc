@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 namespace kestro::zqp::monitor {
@@ -123,9 +122,7 @@ TEST_F(PtyTest, RawModeClearsLocalFlagsAndRestoreBringsThemBack) {
   });
   EXPECT_EQ(raw.c_lflag & (ISIG | ICANON | ECHO | ECHONL), 0u);
   // Only those four flags change (the mask 0x4B).
-  constexpr tcflag_t kCleared = ISIG | ICANON | ECHO | ECHONL;
-  EXPECT_EQ(kCleared, 0x4Bu);
-  EXPECT_EQ(raw.c_lflag | kCleared, original_.c_lflag | kCleared);
+  EXPECT_EQ(raw.c_lflag | 0x4Bu, original_.c_lflag | 0x4Bu);
   EXPECT_EQ(raw.c_cc[VMIN], 1);
   EXPECT_EQ(raw.c_cc[VTIME], 0);
   EXPECT_EQ(raw.c_iflag, original_.c_iflag);
@@ -208,63 +205,70 @@ TEST_P(WindowSizeTest, SizesFromWindow) {
 INSTANTIATE_TEST_SUITE_P(
     Table, WindowSizeTest,
     ::testing::Values(SizeCase{24, 80, true, 80, 22}, SizeCase{24, 500, true, 446, 22},
-                      SizeCase{24, 446, true, 446, 22}, SizeCase{24, 10, true, 10, 22},
-                      SizeCase{24, 9, false, 9, 22}, SizeCase{5, 80, true, 80, 3},
-                      SizeCase{4, 80, false, 80, 2}, SizeCase{2, 80, false, 80, 0},
-                      SizeCase{0, 0, false, 0, 0}));
+                      SizeCase{24, 10, true, 10, 22}, SizeCase{24, 9, false, 9, 22},
+                      SizeCase{5, 80, true, 80, 3}, SizeCase{4, 80, false, 80, 2}));
 
-TEST_F(PtyTest, LinesBeyondLimitAreCountedNotWritten) {
-  std::uint32_t lines = 0;
-  const std::string out = Run([&] {
-    TerminalDisplay display(false);
-    display.UpdateWindowSize();
-    for (int i = 0; i < 25; ++i) display.PrintLine("%02d", i);
-    display.PrintHighlighted("hidden");
-    lines = display.Line();
-    display.Flush();
-  });
-  std::string expected = kHide;
-  for (int i = 0; i <= 22; ++i) expected += (i < 10 ? "0" : "") + std::to_string(i) + "\n";
-  expected += "\x1b[m";
-  EXPECT_EQ(out.substr(0, expected.size()), expected);
-  EXPECT_EQ(lines, 25u);
+std::string Numbered(int count) {
+  std::string out;
+  for (int i = 0; i < count; ++i) out += (i < 10 ? "0" : "") + std::to_string(i) + "\n";
+  return out;
 }
 
-TEST_F(PtyTest, ShorterFrameErasesLeftoverRowsThenGoesBackUp) {
-  SetSize(60, 80);
-  std::uint32_t prev = 0;
-  const std::string out = Run([&] {
-    TerminalDisplay display(false);
-    display.UpdateWindowSize();
-    for (int i = 0; i < 35; ++i) display.PrintLine("a");
-    display.EraseRest();
-    display.CursorUp(display.Line());
-    for (int i = 0; i < 30; ++i) display.PrintLine("b");
-    display.EraseRest();
-    prev = display.PrevLines();
-    display.CursorUp(display.Line());
-    display.Flush();
-  });
-  const std::string expected = std::string(kHide) + Repeat("a\n", 35) + "\x1b[35A" +
-                               Repeat("b\n", 30) + Repeat("\x1b[K\x1b[1B", 5) + "\x1b[35A";
-  EXPECT_EQ(out.substr(0, expected.size()), expected);
-  EXPECT_EQ(prev, 35u);
-}
-
-TEST_F(PtyTest, LongTextIsCutToWidthAndHighlightLosesFourColumns) {
-  SetSize(24, 20);
-  const std::string text = "0123456789abcdefghijklmnopqrstuvwxyz";
-  const std::string out = Run([&] {
-    TerminalDisplay display(false);
-    display.UpdateWindowSize();
-    display.PrintLine("%s", text.c_str());
-    display.Print("%s", text.c_str());
-    display.PrintHighlighted("%s", text.c_str());
-    display.Flush();
-  });
-  const std::string expected = std::string(kHide) + text.substr(0, 20) + "\n" + text.substr(0, 20) +
-                               "\x1b[7m" + text.substr(0, 16) + "\x1b[m";
-  EXPECT_EQ(out.substr(0, expected.size()), expected);
+TEST_F(PtyTest, FramesWriteOnlyWhatFits) {
+  const std::string abc = "0123456789abcdefghijklmnopqrstuvwxyz";
+  const struct {
+    const char* label;
+    unsigned short rows, columns;
+    std::function<std::uint32_t(TerminalDisplay&)> draw;  // returns a count to check
+    std::string expected_start;                           // after the cursor is hidden
+    std::uint32_t count;
+  } cases[] = {
+      // Lines beyond the limit of 22 are counted, not written.
+      {"limit", 24, 80,
+       [](TerminalDisplay& d) {
+         for (int i = 0; i < 25; ++i) d.PrintLine("%02d", i);
+         d.PrintHighlighted("hidden");
+         return d.Line();
+       },
+       Numbered(23) + "\x1b[m", 25},
+      // A 30-line frame after a 35-line one erases the 5 leftover rows, then goes up 35.
+      {"shorter", 60, 80,
+       [](TerminalDisplay& d) {
+         for (int i = 0; i < 35; ++i) d.PrintLine("a");
+         d.EraseRest();
+         d.CursorUp(d.Line());
+         for (int i = 0; i < 30; ++i) d.PrintLine("b");
+         d.EraseRest();
+         const std::uint32_t prev = d.PrevLines();
+         d.CursorUp(d.Line());
+         return prev;
+       },
+       Repeat("a\n", 35) + "\x1b[35A" + Repeat("b\n", 30) + Repeat("\x1b[K\x1b[1B", 5) + "\x1b[35A",
+       35},
+      // Text is cut to the width; highlighted text loses four more columns.
+      {"width", 24, 20,
+       [&](TerminalDisplay& d) {
+         d.PrintLine("%s", abc.c_str());
+         d.Print("%s", abc.c_str());
+         d.PrintHighlighted("%s", abc.c_str());
+         return d.Line();
+       },
+       abc.substr(0, 20) + "\n" + abc.substr(0, 20) + "\x1b[7m" + abc.substr(0, 16) + "\x1b[m", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    SetSize(c.rows, c.columns);
+    std::uint32_t count = 0;
+    const std::string out = Run([&] {
+      TerminalDisplay display(false);
+      display.UpdateWindowSize();
+      count = c.draw(display);
+      display.Flush();
+    });
+    const std::string expected = kHide + c.expected_start;
+    EXPECT_EQ(out.substr(0, expected.size()), expected);
+    EXPECT_EQ(count, c.count);
+  }
 }
 
 struct KeyCase {
@@ -288,10 +292,8 @@ TEST_P(PtyKeyTest, RawKeys) {
 // suspend (^Z) characters arrive as bytes and quit.
 INSTANTIATE_TEST_SUITE_P(Table, PtyKeyTest,
                          ::testing::Values(KeyCase{"q", false}, KeyCase{"Q", false},
-                                           KeyCase{"x", true}, KeyCase{"Z", true},
-                                           KeyCase{"\x03", false}, KeyCase{"\x04", false},
-                                           KeyCase{"\x1a", false}, KeyCase{"1", true},
-                                           KeyCase{"\xf1", true}));
+                                           KeyCase{"x", true}, KeyCase{"\x03", false},
+                                           KeyCase{"\x04", false}, KeyCase{"\x1a", false}));
 
 // Batch mode never reads the terminal's settings, so its saved characters are
 // all NUL.
@@ -362,11 +364,6 @@ TEST(BatchOutputTest, WritesNoEscapeSequenceAndNeverCuts) {
   EXPECT_EQ(results[1], 0);
   EXPECT_EQ(line, 36u);
   EXPECT_EQ(prev, 36u);
-}
-
-TEST(BatchOutputTest, RefreshWithoutCallbackThrows) {
-  TerminalDisplay display(true);
-  EXPECT_THROW(display.Refresh(), std::bad_function_call);
 }
 
 }  // namespace

@@ -8,8 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "board_root_fixture.h"
-
 namespace kestro::zqp {
 namespace {
 
@@ -94,19 +92,6 @@ TEST(StatusMonitorTest, WithoutSamplesPerIntervalEveryPassIsAnInterval) {
   }
 }
 
-TEST(StatusMonitorTest, WithoutCoresSampleOnlyCounts) {
-  ScriptedMonitor monitor(500, 6, 0, kAlways);  // three samples per interval
-  monitor.InitCoreStats();
-  const std::string err = test_support::StderrOf([&] {
-    monitor.SampleTimes(2);
-    EXPECT_EQ(monitor.SampleCount(), 2u);
-    monitor.Sample();
-    EXPECT_EQ(monitor.SampleCount(), 0u);
-  });
-  EXPECT_EQ(err, "");
-  EXPECT_EQ(monitor.total_calls.load(), 0);
-}
-
 TEST(StatusMonitorTest, RestartKeepsTheInterruptedInterval) {
   // Busy in the first two samples; four samples per interval.
   ScriptedMonitor monitor(500, 8, 1, [](std::uint32_t, std::uint32_t call) { return call < 2; });
@@ -132,16 +117,6 @@ TEST(StatusMonitorTest, RunSleepsOnePeriodBetweenPassesAndSeesStop) {
   monitor.Stop();
   monitor.JoinThreads();
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1000));
-}
-
-TEST(StatusMonitorTest, RunWithoutPeriodDoesNotSleep) {
-  ScriptedMonitor monitor(0, 1000, 1, kAlways);
-  monitor.Start();
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  monitor.Stop();
-  monitor.JoinThreads();
-  EXPECT_GT(monitor.total_calls.load(), 100);
-  EXPECT_EQ(monitor.GetLoading(0), 100.0f);
 }
 
 }  // namespace

@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "monitor/board_path.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
@@ -40,10 +40,8 @@ TEST(DspEventMsgTest, ReadsLittleEndianBytesAndRejectsShortReads) {
 }
 
 TEST(DspEventFifoTest, MakesOpensAndRemoves) {
-  std::string tmpl = (std::filesystem::temp_directory_path() / "kzm_dsp_fifo_XXXXXX").string();
-  const std::string root = mkdtemp(tmpl.data());
-  std::filesystem::create_directories(root + "/var/run");
-  SetBoardRootForTesting(root);
+  test_support::BoardRoot board;
+  board.MakeDir("/var/run");
   const std::string real_path = BoardPath("/var/run/dsp_event");
   {
     DspEventFifo fifo("/var/run/dsp_event");
@@ -62,8 +60,6 @@ TEST(DspEventFifoTest, MakesOpensAndRemoves) {
     EXPECT_GT(second.read_fd(), 0);
   }
   EXPECT_NE(access(real_path.c_str(), F_OK), 0);
-  SetBoardRootForTesting("");
-  std::filesystem::remove_all(root);
 }
 
 }  // namespace

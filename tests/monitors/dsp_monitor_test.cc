@@ -5,13 +5,11 @@
 // RunnerThread::Call), as it does in the program.
 #include "monitors/dsp_monitor.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,41 +30,26 @@
 
 #include "app/log.h"
 #include "monitor/board_path.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
 
 using std::chrono::milliseconds;
+using test_support::BoardRoot;
+using test_support::CaptureStderr;
+using test_support::CountOpenFds;
 
 constexpr char kVersionMismatch[] =
     "wrong dsp node, please check whether monitor version match zqp version\n";
 
-// A temporary board root holding var/run/.
-class TempBoard {
- public:
-  TempBoard() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "kzm_dsp_XXXXXX").string();
-    root_ = mkdtemp(tmpl.data());
-    std::filesystem::create_directories(root_ + "/var/run");
-    SetBoardRootForTesting(root_);
-  }
-  ~TempBoard() {
-    SetBoardRootForTesting("");
-    std::filesystem::remove_all(root_);
-  }
-  const std::string& root() const { return root_; }
-
-  // The runtime makes the lock files; the monitor only opens them.
-  void CreateLockFile(std::uint32_t core) const {
-    const std::string path = BoardPath("/var/run/dsp_loading_flock_" + std::to_string(core));
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    EXPECT_GE(fd, 0);
-    close(fd);
-  }
-
- private:
-  std::string root_;
-};
+// The runtime makes the lock files; the monitor only opens them.
+void CreateLockFile(std::uint32_t core) {
+  const std::string path = BoardPath("/var/run/dsp_loading_flock_" + std::to_string(core));
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  EXPECT_GE(fd, 0);
+  close(fd);
+}
 
 // One shared-memory loading node under a unique name, as the runtime makes it.
 class TestNode {
@@ -135,12 +118,7 @@ class RunnerThread {
 
   // Evaluates pred on the runner's thread until it holds or timeout passes.
   bool WaitUntil(const std::function<bool()>& pred, milliseconds timeout = milliseconds(20000)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!Call(pred)) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(milliseconds(2));
-    }
-    return true;
+    return test_support::WaitFor([&] { return Call(pred); }, timeout);
   }
 
  private:
@@ -164,19 +142,28 @@ class RunnerThread {
 };
 
 // A child process that lives until released (or 60 s pass), so its pidfd and
-// its exit are real.
+// its exit are real. Given a node, it meanwhile sets running bit `slot` for
+// `on_ms` of every 10 ms.
 class WaitingChild {
  public:
-  WaitingChild() {
+  explicit WaitingChild(DspLoadingNode* node = nullptr, std::uint32_t slot = 0, int on_ms = 0) {
     int fds[2];
     EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
       close(fds[1]);
-      pollfd entry{fds[0], POLLIN, 0};
       // Released by a byte rather than end-of-file: later siblings inherit
       // this pipe's write end.
-      poll(&entry, 1, 60000);
+      pollfd entry{fds[0], POLLIN, 0};
+      if (node == nullptr) _exit(poll(&entry, 1, 60000) < 0);
+      std::atomic_ref<std::uint32_t> running(node->running_mask);
+      auto next = std::chrono::steady_clock::now();
+      for (int cycle = 0; cycle < 6000 && poll(&entry, 1, 0) == 0; ++cycle) {
+        running.fetch_or(1u << slot);
+        std::this_thread::sleep_until(next += milliseconds(on_ms));
+        running.fetch_and(~(1u << slot));
+        std::this_thread::sleep_until(next += milliseconds(10 - on_ms));
+      }
       _exit(0);
     }
     close(fds[0]);
@@ -210,93 +197,6 @@ pid_t DeadPid() {
   return pid;
 }
 
-// Sets running bit `slot` for `on_ms` of every `period_ms` until released.
-class DutyCycleChild {
- public:
-  DutyCycleChild(DspLoadingNode* node, std::uint32_t slot, int on_ms, int period_ms) {
-    int fds[2];
-    EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(fds[1]);
-      std::atomic_ref<std::uint32_t> running(node->running_mask);
-      timespec next;
-      clock_gettime(CLOCK_MONOTONIC, &next);
-      pollfd entry{fds[0], POLLIN, 0};
-      for (int cycle = 0; cycle < 6000 && poll(&entry, 1, 0) == 0; ++cycle) {
-        running.fetch_or(1u << slot);
-        Advance(next, on_ms);
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-        running.fetch_and(~(1u << slot));
-        Advance(next, period_ms - on_ms);
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-      }
-      _exit(0);
-    }
-    close(fds[0]);
-    release_fd_ = fds[1];
-  }
-  ~DutyCycleChild() {
-    EXPECT_EQ(write(release_fd_, "x", 1), 1);
-    close(release_fd_);
-    waitpid(pid_, nullptr, 0);
-  }
-  pid_t pid() const { return pid_; }
-
- private:
-  static void Advance(timespec& t, int ms) {
-    t.tv_nsec += static_cast<long>(ms) * 1000000L;
-    while (t.tv_nsec >= 1000000000L) {
-      t.tv_nsec -= 1000000000L;
-      ++t.tv_sec;
-    }
-  }
-  pid_t pid_ = -1;
-  int release_fd_ = -1;
-};
-
-// Redirects standard error into a temporary file until Finish.
-class StderrCapture {
- public:
-  StderrCapture() {
-    fflush(stderr);
-    saved_ = dup(STDERR_FILENO);
-    char tmpl[] = "/tmp/kzm_dsp_stderr_XXXXXX";
-    fd_ = mkstemp(tmpl);
-    unlink(tmpl);
-    dup2(fd_, STDERR_FILENO);
-  }
-  ~StderrCapture() { Finish(); }
-  std::string Finish() {
-    if (fd_ < 0) return text_;
-    fflush(stderr);
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    lseek(fd_, 0, SEEK_SET);
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd_, buffer, sizeof(buffer))) > 0) text_.append(buffer, n);
-    close(fd_);
-    fd_ = -1;
-    return text_;
-  }
-
- private:
-  int saved_ = -1;
-  int fd_ = -1;
-  std::string text_;
-};
-
-int CountOpenFds() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count;  // includes the directory's own descriptor, every time
-}
-
 void WriteFifo(const void* data, std::size_t size) {
   const int fd = open(BoardPath("/var/run/dsp_event").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_GE(fd, 0);
@@ -311,17 +211,17 @@ void SendEvent(pid_t pid, std::uint32_t slot) {
 
 class DspMonitorTest : public ::testing::Test {
  protected:
+  void SetUp() override { board_.MakeDir("/var/run"); }
   void TearDown() override {
     DestroyMonitor();
     runner_.reset();
-    SetLogLevel(1);
   }
 
   // Nodes and lock files for `cores` cores.
   void MakeCores(std::uint32_t cores) {
     for (std::uint32_t core = 0; core < cores; ++core) {
       nodes_.push_back(std::make_unique<TestNode>());
-      board_.CreateLockFile(core);
+      CreateLockFile(core);
     }
   }
 
@@ -338,12 +238,12 @@ class DspMonitorTest : public ::testing::Test {
   // Constructs (and starts, as the application does) on the runner's thread;
   // returns what the construction printed.
   std::string CreateMonitor(const MonitorConfig& config) {
-    StderrCapture capture;
-    runner_->Call([&] {
-      monitor_ = std::make_unique<DSPMonitor>(config, runner_->runner());
-      monitor_->Start();
+    return CaptureStderr([&] {
+      runner_->Call([&] {
+        monitor_ = std::make_unique<DSPMonitor>(config, runner_->runner());
+        monitor_->Start();
+      });
     });
-    return capture.Finish();
   }
 
   void DestroyMonitor() {
@@ -363,7 +263,7 @@ class DspMonitorTest : public ::testing::Test {
     return monitor_->TrackedProcessCount() == 0;
   }
 
-  TempBoard board_;
+  BoardRoot board_;
   std::vector<std::unique_ptr<TestNode>> nodes_;
   std::unique_ptr<RunnerThread> runner_ = std::make_unique<RunnerThread>();
   std::unique_ptr<DSPMonitor> monitor_;
@@ -385,12 +285,8 @@ TEST_F(DspMonitorTest, WrongMagicPrintsVersionMismatchAndTracksNobody) {
     EXPECT_TRUE(monitor_->IsReady());
     EXPECT_TRUE(monitor_->IsStopped());
   });
-}
-
-TEST_F(DspMonitorTest, WrongMagicIsSilentOutsideBatchMode) {
-  MakeCores(1);
-  nodes_[0]->node()->magic = 0;
-  EXPECT_EQ(CreateMonitor(Config(/*batch=*/false)), "");
+  DestroyMonitor();
+  EXPECT_EQ(CreateMonitor(Config(/*batch=*/false)), "");  // silent outside batch mode
 }
 
 TEST_F(DspMonitorTest, FreeSlotSkippedAndDeadHolderNotCounted) {
@@ -410,27 +306,6 @@ TEST_F(DspMonitorTest, FreeSlotSkippedAndDeadHolderNotCounted) {
     EXPECT_TRUE(monitor_->IsStopped());
     // Not watched yet, so the stale slot is left as it was.
     EXPECT_EQ(node->free_mask & (1u << 4), 0u);
-  });
-}
-
-TEST_F(DspMonitorTest, StaleSlotIsCleanedByALaterScanOfAMappedNode) {
-  MakeCores(1);
-  WaitingChild child;
-  nodes_[0]->Hold(4, DeadPid());
-  nodes_[0]->Running().fetch_or(1u << 4);
-  CreateMonitor(Config());
-  // The first rescan finds the live process and starts watching the core...
-  nodes_[0]->Hold(1, child.pid());
-  SendEvent(child.pid(), 1);
-  ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
-  runner_->Call([&] { EXPECT_EQ(nodes_[0]->node()->free_mask & (1u << 4), 0u); });
-  // ...and the rescan after the stop finds the stale holder on a watched core.
-  runner_->Call([&] { monitor_->Stop(); });
-  SendEvent(child.pid(), 1);
-  ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
-  runner_->Call([&] {
-    EXPECT_NE(nodes_[0]->node()->free_mask & (1u << 4), 0u);
-    EXPECT_EQ(nodes_[0]->Running().load() & (1u << 4), 0u);
   });
 }
 
@@ -559,31 +434,9 @@ TEST_F(DspMonitorTest, LastExitJoinsAndUnmapsAndNextMessageMapsAgain) {
   });
 }
 
-TEST_F(DspMonitorTest, MessageWhileSamplingTracksThePidAndSlotWrapsAt32) {
-  MakeCores(1);
-  WaitingChild first;
-  nodes_[0]->Hold(0, first.pid());
-  CreateMonitor(Config());
-  ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
-
-  WaitingChild second;
-  nodes_[0]->Hold(1, second.pid());
-  nodes_[0]->Running().store(1u << 1);
-  // Slot 33 from the fifo acts on bit 1.
-  SendEvent(second.pid(), 33);
-  ASSERT_TRUE(runner_->WaitUntil([&] { return monitor_->TrackedProcessCount() == 2; }));
-
-  second.Release();
-  ASSERT_TRUE(runner_->WaitUntil([&] { return monitor_->TrackedProcessCount() == 1; }));
-  runner_->Call([&] {
-    EXPECT_EQ(nodes_[0]->Running().load(), 0u);
-    EXPECT_NE(nodes_[0]->node()->free_mask & (1u << 1), 0u);
-    EXPECT_EQ(nodes_[0]->node()->free_mask & 1u, 0u);
-    EXPECT_TRUE(Sampling());
-  });
-}
-
 TEST_F(DspMonitorTest, NoConfiguredNodeNeverStarts) {
+  EXPECT_EQ(CreateMonitor(Config()), "");  // the message is verbose only
+  DestroyMonitor();
   SetLogLevel(0);
   EXPECT_EQ(CreateMonitor(Config()),
             "No loading node found for DSP\nNo dsp node found, not start dsp monitor\n");
@@ -597,16 +450,12 @@ TEST_F(DspMonitorTest, NoConfiguredNodeNeverStarts) {
   EXPECT_FALSE(runner_->WaitUntil([&] { return !monitor_->IsStopped(); }, milliseconds(300)));
 }
 
-TEST_F(DspMonitorTest, NoNodeMessageIsVerboseOnly) {
-  EXPECT_EQ(CreateMonitor(Config()), "");
-}
-
 TEST_F(DspMonitorTest, BatchVerboseMessagesForMissingLockFileAndObject) {
   SetLogLevel(0);
   nodes_.push_back(std::make_unique<TestNode>());  // core 0: no lock file
   MonitorConfig config = Config();
   config.files.push_back("/kzm_test_node_missing_" + std::to_string(getpid()));
-  board_.CreateLockFile(1);  // core 1: lock file but no object
+  CreateLockFile(1);  // core 1: lock file but no object
   EXPECT_EQ(CreateMonitor(config),
             "dsp0 loading flock open failed, No such file or directory\n"
             "shm open failed\n"
@@ -617,7 +466,7 @@ TEST_F(DspMonitorTest, BatchVerboseMessagesForMissingLockFileAndObject) {
 }
 
 TEST_F(DspMonitorTest, FifoCannotBeMade) {
-  std::filesystem::remove_all(board_.root() + "/var/run");
+  std::filesystem::remove_all(BoardPath("/var/run"));
   EXPECT_EQ(CreateMonitor(Config()),
             "mkfifo /var/run/dsp_event failed, 2 error:No such file or directory\n\n");
   runner_->Call([&] {
@@ -658,18 +507,9 @@ TEST_F(DspMonitorTest, SomethingElseAtTheFifoPathIsRefusedAndKept) {
   EXPECT_TRUE(S_ISREG(st.st_mode));
 }
 
-TEST_F(DspMonitorTest, FifoFileRemovedAtDestruction) {
-  CreateMonitor(Config());
-  struct stat st;
-  ASSERT_EQ(stat(BoardPath("/var/run/dsp_event").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISFIFO(st.st_mode));
-  DestroyMonitor();
-  EXPECT_NE(stat(BoardPath("/var/run/dsp_event").c_str(), &st), 0);
-}
-
 TEST_F(DspMonitorTest, LoadingFollowsADutyCycle) {
   MakeCores(1);
-  DutyCycleChild child(nodes_[0]->node(), 6, /*on_ms=*/4, /*period_ms=*/10);
+  WaitingChild child(nodes_[0]->node(), 6, /*on_ms=*/4);
   nodes_[0]->Hold(6, child.pid());
   CreateMonitor(Config(/*batch=*/true, /*delay=*/200));
   ASSERT_TRUE(runner_->WaitUntil([&] { return Sampling(); }));
@@ -682,7 +522,6 @@ TEST_F(DspMonitorTest, LoadingFollowsADutyCycle) {
   }
   const float average = sum / kIntervals;
   RecordProperty("average_loading", std::to_string(average));
-  std::printf("average loading for a 40%% duty cycle: %.2f\n", average);
   EXPECT_NEAR(average, 40.0f, 5.0f);
 }
 
@@ -706,8 +545,6 @@ TEST_F(DspMonitorTest, DescriptorGrowthOver200ProcessLifetimes) {
   const int after = CountOpenFds();
   RecordProperty("fd_growth_monitor_alive", alive - before);
   RecordProperty("fd_growth_after_destruction", after - before);
-  std::printf("descriptor growth over 200 lifetimes: %d with the monitor alive, %d after it\n",
-              alive - before, after - before);
   // Only the deliberately kept descriptors grow: one pidfd per lifetime, the
   // fifo's write end, and the lock file and object of the first (idle) scan
   // that the first rescan maps over.

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "monitor/board_path.h"
-#include "support/temp_tree.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
@@ -36,18 +35,14 @@ constexpr char kSummaryOnlyHeap[] =
     "heap total size 1048576\n"
     "x cam 100 4096\n";
 
-class MemoryUsageTest : public ::testing::Test {
+class MemoryUsageTest : public test_support::BoardRootTest {
  protected:
-  void SetUp() override { SetBoardRootForTesting(tree_.Path()); }
-  void TearDown() override { SetBoardRootForTesting(""); }
-
-  void WriteHeaps(const std::string& text) { tree_.WriteFile(kHeapFile, text); }
+  void WriteHeaps(const std::string& text) { tree.WriteFile(kHeapFile, text); }
   void WriteStatus(int pid, const std::string& rss_line) {
-    tree_.WriteFile("/proc/" + std::to_string(pid) + "/status",
-                    "Name:\tproc\nState:\tS (sleeping)\n" + rss_line + "Threads:\t1\n");
+    tree.WriteFile("/proc/" + std::to_string(pid) + "/status",
+                   "Name:\tproc\nState:\tS (sleeping)\n" + rss_line + "Threads:\t1\n");
   }
 
-  test_support::TempTree tree_;
   MemoryUsage usage_;
 };
 
@@ -102,16 +97,6 @@ TEST_F(MemoryUsageTest, HeaderWithoutTgidEndsSection) {
   EXPECT_EQ(usage_.processes.at(7).ion_bytes, 1024u);
 }
 
-TEST_F(MemoryUsageTest, IncompleteHeaderWaitsForTheRealOne) {
-  WriteHeaps(
-      "the heap id is 6\nheap total size 1048576\nallocations\n"
-      "client size type\nclient heap tgid size type\ncam 6 100 8192 cma\ntotal 8192\n");
-  WriteStatus(100, "VmRSS: 1 kB\n");
-  CollectMemoryUsage(usage_);
-  EXPECT_EQ(usage_.heap_used[0], 8192u);
-  EXPECT_EQ(usage_.processes.at(100).ion_bytes, 8192u);
-}
-
 TEST_F(MemoryUsageTest, ProcessesWithoutStatusOrRssAreRemoved) {
   WriteHeaps(
       "the heap id is 6\nheap total size 1048576\nallocations\nclient tgid size type\n"
@@ -136,59 +121,6 @@ TEST_F(MemoryUsageTest, UnknownHeapIdIsSkipped) {
   EXPECT_EQ(usage_.heap_used[2], 64u);
   EXPECT_EQ(usage_.processes.at(100).ion_bytes, 64u);
   for (std::size_t i : {0u, 1u, 3u, 4u}) EXPECT_EQ(usage_.heap_total[i], 0u) << i;
-}
-
-TEST_F(MemoryUsageTest, LongClientNameIsCut) {
-  WriteHeaps(
-      "the heap id is 10\nheap total size 4096\nallocations\nclient tgid size type\n"
-      "a_very_long_client_name_of_35_chars 100 1 sys\ntotal\n");
-  WriteStatus(100, "VmRSS: 1 kB\n");
-  CollectMemoryUsage(usage_);
-  EXPECT_STREQ(usage_.processes.at(100).name, "a_very_long_client_name");
-  EXPECT_EQ(std::strlen(usage_.processes.at(100).name), 23u);
-}
-
-TEST_F(MemoryUsageTest, AllocationTableClearsEarlierHeapsProcesses) {
-  WriteHeaps(
-      "the heap id is 6\nheap total size 4096\nx cam 100 100\nallocations\n"
-      "client tgid size type\ncam 100 100 cma\ntotal\n"
-      "the heap id is 5\nheap total size 4096\nx isp 7 50\nallocations\n"
-      "client tgid size type\nisp 7 60 cma\ntotal\n");
-  WriteStatus(100, "VmRSS: 1 kB\n");
-  WriteStatus(7, "VmRSS: 1 kB\n");
-  CollectMemoryUsage(usage_);
-  EXPECT_EQ(usage_.heap_used[0], 100u);
-  EXPECT_EQ(usage_.heap_used[4], 60u);
-  ASSERT_EQ(usage_.processes.size(), 1u);
-  EXPECT_EQ(usage_.processes.at(7).ion_bytes, 60u);
-}
-
-TEST_F(MemoryUsageTest, SectionWithoutAllocationsConsumesLaterHeaps) {
-  WriteHeaps(
-      "the heap id is 6\nheap total size 4096\n"
-      "the heap id is 4\nheap total size 8192\n");
-  CollectMemoryUsage(usage_);
-  EXPECT_EQ(usage_.heap_total[0], 4096u);
-  EXPECT_EQ(usage_.heap_total[1], 0u);
-}
-
-TEST_F(MemoryUsageTest, MissingHeapFileChangesNothing) {
-  usage_.heap_total[0] = 10;
-  usage_.heap_used[0] = 5;
-  usage_.processes[100].ion_bytes = 1;  // no status file, but no process pass either
-  EXPECT_EQ(CollectMemoryUsage(usage_), 0);
-  EXPECT_EQ(usage_.heap_total[0], 10u);
-  EXPECT_EQ(usage_.heap_used[0], 5u);
-  EXPECT_EQ(usage_.processes.size(), 1u);
-}
-
-TEST_F(MemoryUsageTest, HeapAbsentFromFileKeepsItsFigures) {
-  usage_.heap_total[3] = 10;
-  usage_.heap_used[3] = 5;
-  WriteHeaps(kSummaryOnlyHeap);
-  CollectMemoryUsage(usage_);
-  EXPECT_EQ(usage_.heap_total[3], 10u);
-  EXPECT_EQ(usage_.heap_used[3], 5u);
 }
 
 // Parses one allocation row of heap 0 through an in-memory file.
@@ -226,18 +158,12 @@ TEST_P(AllocationRowTest, CountsOnlyGoodRows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, AllocationRowTest,
-                         ::testing::Values(RowCase{"cam 100 8192 cma\n", true, 100, 8192},
-                                           RowCase{"  cam   100  8192   cma  \n", true, 100, 8192},
+                         ::testing::Values(RowCase{"  cam   100  8192   cma  \n", true, 100, 8192},
                                            RowCase{"cam -1 16 cma\n", true, -1, 16},
                                            RowCase{"cam 2147483647 16 cma\n", true, 2147483647, 16},
-                                           RowCase{"cam -2147483648 16 cma\n", true,
-                                                   -2147483647 - 1, 16},
                                            RowCase{"cam 2147483648 16 cma\n", false, 0, 0},
                                            RowCase{"cam +5 16 cma\n", false, 0, 0},
-                                           RowCase{"cam - 16 cma\n", false, 0, 0},
-                                           RowCase{"cam 1x 16 cma\n", false, 0, 0},
                                            RowCase{"cam 100 8.5 cma\n", false, 0, 0},
-                                           RowCase{"cam 100 -8 cma\n", false, 0, 0},
                                            // Fewer than four fields.
                                            RowCase{"cam 100 8192\n", false, 0, 0},
                                            // A tab is not a separator: "100\t8192" is one field.
@@ -246,31 +172,28 @@ INSTANTIATE_TEST_SUITE_P(Table, AllocationRowTest,
 // Random and truncated heap files must not crash or overrun (run under ASan),
 // and used stays within total for the parsed heap.
 TEST(HeapParserFuzzTest, RandomLinesKeepInvariants) {
-  const std::vector<std::string> vocabulary = {"heap total size ",
-                                               "allocations",
-                                               "client",
-                                               "tgid",
-                                               "size",
-                                               "type",
-                                               "total",
-                                               "cam",
-                                               "-",
-                                               "=",
-                                               " ",
-                                               "  ",
-                                               "\t",
-                                               "100",
-                                               "-7",
-                                               "18446744073709551615",
-                                               "99999999999999999999",
-                                               "4096",
-                                               "x",
-                                               "\n",
-                                               "\n",
-                                               "\n",
-                                               std::string(300, 'a')};
+  std::vector<std::string> vocabulary = {"heap total size ",
+                                         "allocations",
+                                         "client",
+                                         "tgid",
+                                         "size",
+                                         "type",
+                                         "total",
+                                         "cam",
+                                         "-",
+                                         "=",
+                                         " ",
+                                         "\t",
+                                         "100",
+                                         "-7",
+                                         "18446744073709551615",
+                                         "99999999999999999999",
+                                         "4096",
+                                         "\n",
+                                         "\n"};
+  vocabulary.push_back(std::string(300, 'a'));
   std::mt19937 rng(2024);
-  for (int round = 0; round < 3000; ++round) {
+  for (int round = 0; round < 1500; ++round) {
     std::string text;
     const int pieces = static_cast<int>(rng() % 60);
     for (int i = 0; i < pieces; ++i) text += vocabulary[rng() % vocabulary.size()];

@@ -93,7 +93,7 @@ TEST_F(ReadLoadingTest, SurvivesRandomTexts) {
   MonitorConfig config;
   FileMonitor second(config, nullptr, ReadSecondToken);
   FileMonitor plain(config, nullptr, ReadPlainNumber);
-  for (int i = 0; i < 4000; ++i) {
+  for (int i = 0; i < 2000; ++i) {
     std::string text;
     switch (random() % 3) {
       case 0: {

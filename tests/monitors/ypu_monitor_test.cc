@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "test_util.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
 
-using testing::CaptureStderr;
-using testing::CountThreadsNamed;
-using testing::VerboseScope;
-using testing::WaitFor;
+using test_support::CaptureStderr;
+using test_support::CountThreadsNamed;
+using test_support::ScopedLogLevel;
+using test_support::WaitFor;
 
 // State behind the fake library's plain function pointers. Opens and closes
 // happen on the test thread; capacity queries come from the worker.
@@ -93,74 +93,45 @@ class YpuMonitorTest : public ::testing::Test {
   std::shared_ptr<WatchTaskRunner> runner = std::make_shared<WatchTaskRunner>();
 };
 
+const std::string kOpened0 = "Start open ypu core 0\nOpen ypu core 0 success\n";
+const std::string kStart1 = "Start open ypu core 1\n";
+const std::string kFailed1 = "Open YPU core:1 failed, return -5\n";
+
 struct OpenCase {
-  const char* label;
   unsigned int cores;
-  int fail_core;
-  int fail_status;
+  bool core1_fails;  // with -5
   bool verbose;
-  const char* expected_stderr;
-  bool ready;
+  std::string expected_stderr;
   std::vector<unsigned int> open_masks;
   std::vector<std::uintptr_t> closed;
 };
 
 TEST_F(YpuMonitorTest, OpensCoresInOrderAndClosesEverySlot) {
   const std::uintptr_t h0 = kHandleBase, h1 = kHandleBase + 1;
-  const std::vector<OpenCase> cases = {
-      {"two cores verbose",
-       2,
-       -1,
-       0,
-       true,
-       "Start open ypu core 0\nOpen ypu core 0 success\n"
-       "Start open ypu core 1\nOpen ypu core 1 success\n",
-       true,
-       {1, 2},
-       {h0, h1}},
-      // Core 2 is never tried, yet its null slot is closed like the others.
-      {"core 1 of 3 fails quiet",
-       3,
-       1,
-       -5,
-       false,
-       "Open YPU core:1 failed, return -5\n",
-       false,
-       {1, 2},
-       {h0, 0, 0}},
-      {"core 1 of 3 fails verbose",
-       3,
-       1,
-       -5,
-       true,
-       "Start open ypu core 0\nOpen ypu core 0 success\n"
-       "Start open ypu core 1\nOpen YPU core:1 failed, return -5\n",
-       false,
-       {1, 2},
-       {h0, 0, 0}},
-      {"zero cores quiet", 0, -1, 0, false, "", false, {}, {}},
-      {"zero cores verbose", 0, -1, 0, true, "YPU get core num is zero\n", false, {}, {}},
+  // Core 2 is never tried after core 1 fails, yet its null slot is closed too.
+  const OpenCase cases[] = {
+      {2, false, true, kOpened0 + kStart1 + "Open ypu core 1 success\n", {1, 2}, {h0, h1}},
+      {3, true, false, kFailed1, {1, 2}, {h0, 0, 0}},
+      {3, true, true, kOpened0 + kStart1 + kFailed1, {1, 2}, {h0, 0, 0}},
+      {0, false, false, "", {}, {}},
+      {0, false, true, "YPU get core num is zero\n", {}, {}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.label);
+    SCOPED_TRACE(::testing::Message() << c.cores << " cores, verbose " << c.verbose);
     fake.cores = c.cores;
-    fake.fail_core = c.fail_core;
-    fake.fail_status = c.fail_status;
+    fake.fail_core = c.core1_fails ? 1 : -1;
+    fake.fail_status = -5;
     fake.open_masks.clear();
     fake.closed.clear();
-    bool ready = false;
-    std::size_t slots = 0;
     std::unique_ptr<YPUMonitor> monitor;
     const std::string err = CaptureStderr([&] {
-      std::unique_ptr<VerboseScope> verbose;
-      if (c.verbose) verbose = std::make_unique<VerboseScope>();
+      ScopedLogLevel level(c.verbose ? 0 : 1);
       monitor = Make();
-      ready = monitor->IsReady();
-      slots = monitor->LoadingCount();
     });
+    const bool ready = c.cores > 0 && !c.core1_fails;
     EXPECT_EQ(err, c.expected_stderr);
-    EXPECT_EQ(ready, c.ready);
-    EXPECT_EQ(slots, c.ready ? c.cores : 0u);
+    EXPECT_EQ(monitor->IsReady(), ready);
+    EXPECT_EQ(monitor->LoadingCount(), ready ? c.cores : 0u);
     EXPECT_EQ(fake.open_masks, c.open_masks);
     EXPECT_TRUE(fake.closed.empty());
     monitor.reset();
@@ -175,8 +146,9 @@ TEST_F(YpuMonitorTest, BusyWhileLessThanFullCapacityIsFree) {
     unsigned int cap;
     bool busy;
   };
-  const CapCase cases[] = {{true, 0, true},   {true, 63, true},   {true, 64, false},
-                           {true, 65, false}, {true, 200, false}, {false, 200, true}};
+  // A library that writes no capacity leaves it at zero: busy.
+  const CapCase cases[] = {
+      {true, 63, true}, {true, 64, false}, {true, 200, false}, {false, 200, true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << "write " << c.write << " cap " << c.cap);
     fake.write_cap = c.write;
@@ -231,7 +203,7 @@ TEST(YpuLibraryTest, SaysOnceWhyTheLibraryIsUnusable) {
     std::string quiet = CaptureStderr([&] { EXPECT_FALSE(OpenYpuLibrary(c.soname)); });
     EXPECT_EQ(quiet, "");
     std::string err = CaptureStderr([&] {
-      VerboseScope verbose;
+      ScopedLogLevel verbose(0);
       EXPECT_FALSE(OpenYpuLibrary(c.soname));
     });
     EXPECT_EQ(err.rfind(c.prefix, 0), 0u) << err;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <system_error>
 #include <vector>
 
@@ -59,6 +60,13 @@ bool TempTree::WriteFile(std::string_view relpath, std::string_view text) {
     return false;
   }
   return true;
+}
+
+std::string TempTree::ReadFile(std::string_view relpath) const {
+  std::ifstream in(std::filesystem::path(path_) / Relative(relpath), std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 }  // namespace kestro::zqp::test_support

@@ -29,6 +29,9 @@ class TempTree {
   // the test) on error; an existing directory is success.
   bool MakeDir(std::string_view relpath);
 
+  // Contents of Path()/relpath; empty when it cannot be read.
+  std::string ReadFile(std::string_view relpath) const;
+
  private:
   std::string path_;
 };
