@@ -25,36 +25,31 @@ void SetLogLevel(std::uint8_t level) {
   g_log_level.store(level, std::memory_order_relaxed);
 }
 
+#define KZM_LOG_IF(condition) \
+  do {                        \
+    if (!(condition)) return; \
+    va_list args;             \
+    va_start(args, format);   \
+    Emit(format, args);       \
+    va_end(args);             \
+  } while (0)
+
 void LogVerbose(const char* format, ...) {
-  if (GetLogLevel() != 0) return;
-  va_list args;
-  va_start(args, format);
-  Emit(format, args);
-  va_end(args);
+  KZM_LOG_IF(GetLogLevel() == 0);
 }
 
 void LogError(const char* format, ...) {
-  if (GetLogLevel() > 1) return;
-  va_list args;
-  va_start(args, format);
-  Emit(format, args);
-  va_end(args);
+  KZM_LOG_IF(GetLogLevel() <= 1);
 }
 
 void LogBatchVerbose(bool batch, const char* format, ...) {
-  if (!batch || GetLogLevel() != 0) return;
-  va_list args;
-  va_start(args, format);
-  Emit(format, args);
-  va_end(args);
+  KZM_LOG_IF(batch && GetLogLevel() == 0);
 }
 
 void LogBatchError(bool batch, const char* format, ...) {
-  if (!batch || GetLogLevel() > 1) return;
-  va_list args;
-  va_start(args, format);
-  Emit(format, args);
-  va_end(args);
+  KZM_LOG_IF(batch && GetLogLevel() <= 1);
 }
+
+#undef KZM_LOG_IF
 
 }  // namespace kestro::zqp

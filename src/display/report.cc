@@ -1,6 +1,6 @@
 #include "display/report.h"
 
-#include <string>
+#include <cstdio>
 
 #include "app/monitor_option.h"
 #include "display/format_size.h"
@@ -37,9 +37,9 @@ void DrawLoadingTable(TerminalDisplay& terminal,
   for (const auto& monitor : monitors) {
     const std::vector<float> values = monitor->LoadingSnapshot();
     for (std::size_t i = 0; i < values.size(); ++i) {
-      const std::string label = monitor->Name() + std::to_string(i);
-      terminal.PrintLine("|%11s%-8s%13.1f %16s", " ", label.c_str(), static_cast<double>(values[i]),
-                         "|");
+      char label[64];
+      std::snprintf(label, sizeof label, "%s%zu", monitor->Name().c_str(), i);
+      terminal.PrintLine("|%11s%-8s%13.1f %16s", " ", label, static_cast<double>(values[i]), "|");
     }
   }
   terminal.PrintLine("%s", kRule);

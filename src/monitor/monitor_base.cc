@@ -1,6 +1,9 @@
 #include "monitor/monitor_base.h"
 
 #include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
 
 #include <sstream>
 
@@ -48,6 +51,12 @@ void MonitorBase::Start() {
     pthread_setname_np(threads[i].native_handle(), thread_name.str().c_str());
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+void MonitorBase::SleepMs(std::uint32_t ms) {
+  timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+  while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+  }
 }
 
 void MonitorBase::Stop() {

@@ -58,6 +58,10 @@ class MonitorBase {
   std::vector<float> LoadingSnapshot() const;
 
  protected:
+  // Sleeps ms milliseconds, resuming after a signal for the time left; any
+  // other failure ends the sleep early and the caller's loop goes on.
+  static void SleepMs(std::uint32_t ms);
+
   std::shared_ptr<WatchTaskRunner> runner;
   std::vector<std::function<void()>> tasks;
   std::vector<std::thread> threads;

@@ -1,9 +1,5 @@
 #include "monitor/status_monitor.h"
 
-#include <time.h>
-
-#include <cerrno>
-
 namespace kestro::zqp {
 
 StatusMonitor::StatusMonitor(const MonitorConfig& config,
@@ -37,11 +33,7 @@ void StatusMonitor::Run() {
   const std::uint32_t period = GetSamplePeriod();
   while (!stop.load()) {
     Sample();
-    if (period == 0) continue;
-    timespec remaining{static_cast<time_t>(period / 1000),
-                       static_cast<long>(period % 1000) * 1000000L};
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
-    }
+    if (period != 0) SleepMs(period);
   }
 }
 

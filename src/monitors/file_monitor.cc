@@ -20,14 +20,6 @@ constexpr std::uint32_t kMaxSamplePeriodMs = 3000;
 // Enough for short driver texts such as "loading 37.5 %"; one byte stays 0.
 constexpr std::size_t kBufferSize = 64;
 
-// Sleeps ms milliseconds, resuming after signals for the time left. Another
-// failure ends the sleep early; the caller's loop then simply goes on.
-void SleepMs(std::uint32_t ms) {
-  timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-  while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
-  }
-}
-
 }  // namespace
 
 FileMonitor::FileMonitor(const MonitorConfig& config,
