@@ -1,6 +1,6 @@
-#include "app/log.h"
 #include "app/monitor_app.h"
-#include "app/monitor_option.h"
+#include "app/option_parser.h"
+#include "base/log.h"
 
 int main(int argc, char** argv) {
   using kestro::zqp::LogVerbose;

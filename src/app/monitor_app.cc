@@ -7,11 +7,11 @@
 #include <cstring>
 #include <functional>
 
-#include "app/fatal_signals.h"
-#include "app/log.h"
+#include "base/fatal_signals.h"
+#include "base/log.h"
 #include "display/report.h"
 #include "monitor/monitor_config.h"
-#include "monitor/monitor_registry.h"
+#include "monitors/monitor_registry.h"
 
 namespace kestro::zqp::monitor {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/monitor_option.h"
+#include "base/monitor_option.h"
 #include "display/terminal_display.h"
 #include "monitor/monitor_base.h"
 #include "monitors/ddr_monitor.h"

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "app/monitor_option.h"
+#include "base/version.h"
 #include "display/format_size.h"
 
 namespace kestro::zqp::monitor {

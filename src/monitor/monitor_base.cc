@@ -7,8 +7,8 @@
 
 #include <sstream>
 
-#include "app/fatal_signals.h"
-#include "app/log.h"
+#include "base/fatal_signals.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 

@@ -4,8 +4,8 @@
 
 #include <stdexcept>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 namespace {

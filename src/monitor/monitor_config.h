@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "app/monitor_option.h"
+#include "base/monitor_option.h"
 
 namespace kestro::zqp {
 

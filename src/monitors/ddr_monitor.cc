@@ -13,9 +13,9 @@
 #include <cstring>
 #include <string_view>
 
-#include "app/fatal_signals.h"
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/fatal_signals.h"
+#include "base/log.h"
 #include "monitors/text_fields.h"
 
 namespace kestro::zqp {

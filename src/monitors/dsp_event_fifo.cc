@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 

@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 namespace {

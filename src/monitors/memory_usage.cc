@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "monitor/board_path.h"
+#include "base/board_path.h"
 #include "monitors/text_fields.h"
 
 namespace kestro::zqp {

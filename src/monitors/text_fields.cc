@@ -9,8 +9,8 @@
 #include <cstring>
 #include <limits>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 namespace {

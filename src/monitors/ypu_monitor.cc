@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include "app/log.h"
+#include "base/log.h"
 
 namespace kestro::zqp {
 namespace {

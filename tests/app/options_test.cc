@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/monitor_option.h"
+#include "app/option_parser.h"
 
 #include <getopt.h>
 

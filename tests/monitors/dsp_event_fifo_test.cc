@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "monitor/board_path.h"
+#include "base/board_path.h"
 #include "support/test_util.h"
 
 namespace kestro::zqp {

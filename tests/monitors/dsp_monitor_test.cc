@@ -28,8 +28,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 #include "support/test_util.h"
 
 namespace kestro::zqp {

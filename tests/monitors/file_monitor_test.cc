@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "monitor/board_path.h"
+#include "base/board_path.h"
 #include "monitors/value_readers.h"
 #include "support/test_util.h"
 

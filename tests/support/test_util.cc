@@ -7,8 +7,8 @@
 #include <fstream>
 #include <thread>
 
-#include "app/log.h"
-#include "monitor/board_path.h"
+#include "base/board_path.h"
+#include "base/log.h"
 
 namespace kestro::zqp::test_support {
 

@@ -1,4 +1,4 @@
-#include "app/fatal_signals.h"
+#include "base/fatal_signals.h"
 
 #include <initializer_list>
 

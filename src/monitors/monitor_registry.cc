@@ -1,6 +1,6 @@
-#include "monitor/monitor_registry.h"
+#include "monitors/monitor_registry.h"
 
-#include "app/log.h"
+#include "base/log.h"
 #include "monitors/dsp_monitor.h"
 #include "monitors/file_monitor.h"
 #include "monitors/value_readers.h"

@@ -1,13 +1,13 @@
-#include "app/monitor_option.h"
+#include "app/option_parser.h"
 
 #include <getopt.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 
-#include "app/log.h"
+#include "base/log.h"
+#include "base/version.h"
 #include "monitor/monitor_config.h"
 
 namespace kestro::zqp {
@@ -140,15 +140,6 @@ bool ConvertDuration(MonitorOption& option) {
 
 const char* UsageText() {
   return kUsage;
-}
-
-const std::string& GetVersion() {
-  static const std::string version = [] {
-    std::ostringstream out;
-    out << 2u << '.' << 2u << '.' << 4u;
-    return out.str();
-  }();
-  return version;
 }
 
 bool ValidateEnableList(const std::vector<std::string>& enable_list) {

@@ -1,4 +1,4 @@
-#include "monitor/board_path.h"
+#include "base/board_path.h"
 
 #include <utility>
 

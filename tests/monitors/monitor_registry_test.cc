@@ -1,4 +1,4 @@
-#include "monitor/monitor_registry.h"
+#include "monitors/monitor_registry.h"
 
 #include <gtest/gtest.h>
 
