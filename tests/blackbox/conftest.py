@@ -3,8 +3,6 @@
 Environment:
   KZM_BINARY          the monitor binary (set by CTest)
   KZM_BUILD_DIR       build folder holding sim/ artifacts (default <repo>/build)
-  KZM_BLACKBOX_STRICT when 1, a binary that draws no report fails the report
-                      tests instead of skipping them
 """
 import json
 import os
@@ -209,78 +207,7 @@ def pty_session(board_available, tmp_path):
         s.close()
 
 
-# ------------------------------------------------------------- report parsing
-
-def strict():
-    return os.environ.get("KZM_BLACKBOX_STRICT") == "1"
-
-
-def need_report(frames, out):
-    if frames:
-        return
-    msg = "binary drew no report frame yet (output: %r)" % out[:200]
-    if strict():
-        pytest.fail(msg)
-    pytest.skip(msg)
-
-
-def split_frames(text):
-    """Batch output -> list of frames, each a list of lines."""
-    frames, cur = [], None
-    for line in text.splitlines():
-        if line.startswith("| Monitor "):
-            cur = [line]
-            frames.append(cur)
-        elif cur is not None:
-            cur.append(line)
-    return frames
-
-
-ROW = re.compile(r"^\|\s+(\S+?)\s+(-?\d+\.\d)\s+\|$")
-DDR = re.compile(r"^\|\s+(Read|Write)\s+(\d+)\s+\|$")
-HEAP = re.compile(r"^\|\s(\S+)\s+(\d+\.\d.)\s+(\d+\.\d.)\s+(\d+\.\d.)\s+\|$")
-PROC = re.compile(r"^\|\s*(\d+)\s\s(.{18})\s*(\d+\.\d.)\s+(\d+\.\d.)\s+\|$")
-
-
-def parse_frame(lines):
-    rows, ddr, heaps, procs = [], {}, {}, {}
-    section = "loading"
-    for line in lines:
-        if line.startswith("| DDR Bandwidth"):
-            section = "ddr"
-        elif line.startswith("| ION Info"):
-            section = "ion"
-        elif line.startswith("| Process Mem Info"):
-            section = "proc"
-        line = re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", line)
-        if section == "loading" and (m := ROW.match(line)):
-            rows.append((m.group(1), float(m.group(2))))
-        elif section == "ddr" and (m := DDR.match(line)):
-            ddr[m.group(1).lower()] = int(m.group(2))
-        elif section == "ion" and (m := HEAP.match(line)):
-            heaps[m.group(1)] = (m.group(2), m.group(3), m.group(4))
-        elif section == "proc" and (m := PROC.match(line)):
-            procs[m.group(2).strip()] = (int(m.group(1)), m.group(3), m.group(4))
-    return {"rows": rows, "ddr": ddr if "ddr" in str(lines) or ddr else None,
-            "has_ddr_box": any(l.startswith("| DDR Bandwidth") for l in lines),
-            "heaps": heaps, "processes": procs}
-
-
-def format_size(n):
-    """The report's human size: value, tenth, unit, as "%lu.%u%c"."""
-    unit, prev, v, tenth = 0, 0, n, 0
-    if v >= 1024:
-        while True:
-            prev = v
-            v >>= 10
-            unit += 1
-            if v <= 1023:
-                break
-        tenth = ((prev & 1023) * 10 + 512) >> 10
-    if tenth > 9:
-        tenth, v = 0, v + 1
-    return f"{v}.{tenth}{' KMGTPEZY'[unit]}"
-
+# --------------------------------------------------------------- ground truth
 
 def tolerance(truth, label):
     tol = truth.get("tolerance", {})
@@ -289,6 +216,7 @@ def tolerance(truth, label):
 
 
 def check_loading(truth_loading, truth, rows):
+    """Problems of the (label, value) rows against the truth's loadings; [] when all agree."""
     got = dict(rows)
     problems = []
     for label, want in truth_loading.items():

@@ -103,3 +103,39 @@ def split_report(text):
 def expected_codes(n_rows, ddr, n_heaps, n_procs):
     return ("BTRL" + "r" * n_rows + "R" + ("DREwxR" if ddr else "") + "IRJ" + "h" * n_heaps
             + "RPRK" + "p" * n_procs + "B")
+
+
+def format_size(n):
+    """The report's human size of n bytes, as "%lu.%u%c" prints it."""
+    unit, prev, v, tenth = 0, 0, n, 0
+    if v >= 1024:
+        while True:
+            prev = v
+            v >>= 10
+            unit += 1
+            if v <= 1023:
+                break
+        tenth = ((prev & 1023) * 10 + 512) >> 10
+    if tenth > 9:
+        tenth, v = 0, v + 1
+    return f"{v}.{tenth}{' KMGTPEZY'[unit]}"
+
+
+def values(lines):
+    """What one frame shows: loading rows in order, DDR figures (None without the
+    box), heaps and processes by name with their sizes as printed."""
+    def size(s):
+        return [f"{s[i]}.{s[i + 1]}{s[i + 2]}" for i in range(0, len(s), 3)]
+
+    out = {"rows": [], "ddr": None, "heaps": {}, "processes": {}}
+    for line in lines:
+        code, v = classify(line)
+        if code == "r":
+            out["rows"].append(v)
+        elif code in ("w", "x"):
+            out["ddr"] = dict(out["ddr"] or {}, **{v[0].lower(): v[1]})
+        elif code == "h":
+            out["heaps"][v[0]] = tuple(size(v[1]))
+        elif code == "p":
+            out["processes"][v[1][:18]] = (v[0], *size(v[2]))
+    return out

@@ -1,0 +1,121 @@
+"""The command line of the real binary: exact stdout, stderr and exit status.
+
+These need no board: every case either ends in the parser or runs a few
+frames in batch mode, where an absent board simply gives an empty report."""
+import subprocess
+
+import pytest
+
+
+def usage():
+    def row(option, text, kind=None):
+        return option.ljust(30) + (kind.ljust(8) if kind else "") + text
+
+    ind = " " * 40
+    lines = ["", "Usage:", "kvt_zqp_monitor [Option...] [Parameter]", "",
+             "[Option]".ljust(30) + "[Instruction]".ljust(20), "-" * 111,
+             row("-h --help", "Display this information"),
+             row("-v --verbose", "Show additional information"),
+             row("-V --version", "Output version information & exit"), "",
+             "[Option]".ljust(30) + "[Parameter]".ljust(20), "-" * 111,
+             row("-b --batch", ": Run in non-interactive batch mode, default is interactive mode.",
+                 "[null]"),
+             row("-d --delay", ": Delay between updates in milliseconds, default is 1000 ms.",
+                 "[int]"), ind + "parameter range: [100, 10000].",
+             row("-f --freq", ": Sampling frequency, default is 500 samples/sec, only used for "
+                 "YPU and DSP.", "[int]"), ind + "parameter range: [10, 1000].",
+             row("-n --number", ": Specifies the maximum number of iterations, default is "
+                 "forever.", "[int]"), ind + "parameter range: [1, INT32_MAX].",
+             row("-t --time", ": Specifies the duration time in seconds, default is forever.",
+                 "[int]"), ind + "parameter range: [1, INT32_MAX].",
+             row("-e --enable", ': Hardware IP to be monitored, valid values are "ypu, dsp, gdc,',
+                 "[string]"),
+             ind + 'stitch, pym, isp, jpu, vpu", case insensitive. Multiple parameters are ',
+             ind + "separated by comma."]
+    return "\n".join(lines) + "\n"
+
+
+USAGE = usage()
+VERSION = "ZQP Monitor version: 2.2.4\n"
+KEYS = "{YPU,DSP,GDC,ISP,JPU,PYM,STITCH,VPU}"
+DELAY = "delay valid range is [100, 10000], but get %s\n"
+BOTH = "Not support setting both number and time\n"
+
+
+def invalid(item):
+    return f"{item} is invalid, valid value is {KEYS}, case-insensitive\n"
+
+
+def run(binary, args):
+    # argv[0] as typed on the board: getopt's messages start with it.
+    r = subprocess.run(["kvt_zqp_monitor"] + args, executable=binary, stdin=subprocess.DEVNULL, capture_output=True,
+                       text=True, timeout=30)
+    return r.stdout, r.stderr, r.returncode
+
+
+@pytest.mark.parametrize("args,out,err,status", [
+    (["-h"], USAGE, "", 1),
+    (["--help"], USAGE, "", 1),
+    (["-V"], "", VERSION, 0),
+    (["--version", "-d", "5"], "", VERSION, 0),
+    (["-d", "5", "-V"], "", DELAY % 5, 1),
+    (["-d", "5", "-h"], "", DELAY % 5, 1),
+    # getopt's own messages come before the usage.
+    (["-x"], USAGE, "kvt_zqp_monitor: invalid option -- 'x'\n", 1),
+    (["-d"], USAGE, "kvt_zqp_monitor: option requires an argument -- 'd'\n", 1),
+    (["--bogus"], USAGE, "kvt_zqp_monitor: unrecognized option '--bogus'\n", 1),
+    (["-d", "99"], "", DELAY % 99, 1),
+    (["-d", "10001"], "", DELAY % 10001, 1),
+    (["-d", "10000", "-V"], "", VERSION, 0),
+    (["-d", "100", "-V"], "", VERSION, 0),
+    (["-f", "1001"], "", "sample frequency valid range is [10, 1000], but get 1001\n", 1),
+    (["-f", "9"], "", "sample frequency valid range is [10, 1000], but get 9\n", 1),
+    (["-f", "1000", "-V"], "", VERSION, 0),
+    (["-n", "0"], "", "iterater number must great than 0, but get 0\n", 1),
+    (["-n", "-3"], "", "iterater number must great than 0, but get -3\n", 1),
+    (["-t", "0"], "", "time must great than 0, but get 0\n", 1),
+    (["-d", "1e3"], "", "value 1e3 is invalid number\n", 1),
+    (["-d", " 100"], "", "value  100 is invalid number\n", 1),
+    (["-d", "+100"], "", "value +100 is invalid number\n", 1),
+    (["-d", ""], "", "value  is invalid number\n", 1),
+    (["-n", "-"], "", "value - is invalid number\n", 1),
+    (["-n", "99999999999999999999"], "", "value 99999999999999999999 is invalid number\n", 1),
+    # The value is cut to 32 bits before the check.
+    (["-n", "4294967296"], "", "iterater number must great than 0, but get 0\n", 1),
+    (["-t", "2", "-d", "3000"], "", "duration time 2 sec must not less than delay time 3000 ms\n",
+     1),
+    (["-n", "3", "-t", "5"], "", BOTH, 1),
+    (["-n", "3", "-t", "2", "-d", "3000"], "",
+     BOTH + "duration time 2 sec must not less than delay time 3000 ms\n", 1),
+    # 4294968 s in milliseconds wraps to 704 in 32 bits.
+    (["-t", "4294968"], "", "duration time 4294968 sec must not less than delay time 1000 ms\n",
+     1),
+    (["-e", "ypu, dsp"], "", invalid(" dsp"), 1),
+    (["-e", "ypu", "-e", "Stitch,vpu,cpu"], "", invalid("cpu"), 1),
+    (["-e", ""], "", "", 1),
+    (["-e", ",,"], "", "", 1),
+    # The first failure ends the parse: later options are not looked at.
+    (["-d", "5", "-v", "-f", "1"], "", DELAY % 5, 1),
+    (["-e", "cpu", "-d", "5"], "", invalid("cpu"), 1),
+], ids=lambda v: " ".join(v) if isinstance(v, list) else "")
+def test_command_line_output_and_status(binary, args, out, err, status):
+    assert run(binary, args) == (out, err, status)
+
+
+SUMMARY = "delay: %d ms\nfrequency: %d sample/sec\nbatch mode: %s\n"
+
+
+@pytest.mark.parametrize("args,summary", [
+    (["-v", "-b", "-n", "1"], SUMMARY % (1000, 500, "true") + "iterator nums: 1\n"),
+    (["-v", "-n", "1", "-d", "100"], SUMMARY % (100, 500, "false") + "iterator nums: 1\n"),
+    (["-b", "-d", "4294967396", "-v", "-f", "10", "-n", "2"],
+     SUMMARY % (100, 10, "true") + "iterator nums: 2\n"),
+    (["-v", "-b", "-t", "1", "-d", "300", "-e", "YPU,dsp", "-e", "ypu,,Vpu,"],
+     SUMMARY % (300, 500, "true") + "iterator nums: 3\nduration time: 1 sec\n"),
+    (["--verbose", "--batch", "--time=1", "--delay=1000"],
+     SUMMARY % (1000, 500, "true") + "iterator nums: 1\nduration time: 1 sec\n"),
+], ids=lambda v: " ".join(v) if isinstance(v, list) else "")
+def test_verbose_summary_of_accepted_command_lines(binary, args, summary):
+    out, err, status = run(binary, args)
+    assert status == 0, err
+    assert err[:len(summary)] == summary

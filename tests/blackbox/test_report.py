@@ -1,0 +1,110 @@
+"""Batch runs of the real binary on the simulated boards: frame counts, the exact
+bytes of every line, the figures against each scenario's ground truth, what the
+monitor writes and runs, engine selection, and DSP clients coming and going."""
+import json
+
+import pytest
+
+from conftest import check_loading
+from report_layout import expected_codes, codes, format_size, layout_problems, split_report, values
+
+
+def batch_frames(run, count):
+    """The frames of a batch run, checked for what holds in every batch run."""
+    assert run.returncode == 0, run.stderr
+    frames = split_report(run.stdout)
+    assert len(frames) == count
+    # The output is the frames and nothing else: no escape bytes, no diagnostics.
+    assert "\x1b" not in run.stdout
+    assert run.stdout == "".join(line + "\n" for f in frames for line in f)
+    for i, f in enumerate(frames):
+        assert layout_problems(f) == [], f"frame {i}"
+    return frames
+
+
+def truth_codes(t, rows=None, ddr=None):
+    return expected_codes(len(t["rows"] if rows is None else rows),
+                          t["ddr"] is not None if ddr is None else ddr, len(t["heaps"]),
+                          len(t["processes"]))
+
+
+def check_figures(frame, t):
+    got = values(frame)
+    assert [label for label, _ in got["rows"]] == t["rows"]
+    assert check_loading(t["loading"], t, got["rows"]) == []
+    assert got["ddr"] == t["ddr"]
+    assert got["heaps"] == {name: (format_size(h["total"]), format_size(h["used"]),
+                                   format_size(h["total"] - h["used"]))
+                            for name, h in t["heaps"].items()}
+    assert {name: p[2] for name, p in got["processes"].items()} == {
+        name: format_size(p["ion_bytes"]) for name, p in t["processes"].items()}
+
+
+# full runs with -t at half the default delay: 4 s are 8 frames, and the period
+# written into the loading files is the delay.
+@pytest.mark.parametrize("scenario,args,count,period", [
+    ("full", ["-t", "4", "-d", "500"], 8, "500"),
+    ("bare", ["-n", "3", "-d", "1000"], 3, None),
+    ("faults", ["-n", "7"], 7, "1000"),
+])
+def test_batch_report_matches_truth(run_monitor, truth, scenario, args, count, period):
+    t = truth(scenario)
+    r = run_monitor(scenario, ["-b"] + args, timeout=40)
+    frames = batch_frames(r, count)
+    assert codes(frames[-1]) == truth_codes(t)
+    check_figures(frames[-1], t)
+    for line in t["stderr"]:
+        assert line in r.stderr
+    assert r.log("ypu_calls.log").splitlines() == t["ypu_calls"]
+    argv = r.log("ddr_argv.log").splitlines()
+    assert (json.loads(argv[0]) if argv else None) == t["ddr_argv"]
+    written = dict(r.writes())
+    assert written == {path: period for path in t["sample_period_written"]}
+    if "early" in t:
+        early = values(frames[int(t["early"]["before_s"]) - 1])["rows"]
+        assert check_loading(t["early"]["loading"], t, early) == []
+
+
+@pytest.mark.parametrize("enable,rows", [
+    (["-e", "vpu,YPU"], ["VPU0", "VPU1", "YPU0", "YPU1"]),
+    (["-e", "jpu", "-e", "Dsp"], ["JPU0", "JPU1", "DSP0", "DSP1"]),
+    (["-e", "stitch,,gdc,"], ["STITCH0", "GDC0", "GDC1"]),
+], ids=["vpu-ypu", "two-options", "empty-items"])
+def test_enable_list_selects_and_orders_engines(run_monitor, truth, enable, rows):
+    t = truth("full")
+    r = run_monitor("full", ["-b", "-d", "500", "-n", "2"] + enable, timeout=40)
+    frames = batch_frames(r, 2)
+    for f in frames:
+        assert [label for label, _ in values(f)["rows"]] == rows
+    # The rest of the report does not depend on -e.
+    assert codes(frames[-1]) == truth_codes(t, rows, True)
+    want = {k: v for k, v in t["loading"].items() if k in rows and not k.startswith(("YPU", "DSP"))}
+    assert check_loading(want, t, values(frames[-1])["rows"]) == []
+
+
+def test_dsp_processes_appear_and_leave(run_monitor, truth):
+    """Clients start, end cleanly, get killed mid-work and start again after the
+    monitor went idle; the loading follows within about one interval."""
+    t = truth("dsp_churn")
+    n = 18
+    frames = batch_frames(run_monitor("dsp_churn", ["-b", "-d", "500", "-n", str(n)], timeout=60),
+                          n)
+    parsed = [values(f) for f in frames]
+    problems = []
+    for phase in t["phases"]:
+        for i, fr in enumerate(parsed):
+            at = (i + 1) * 0.5  # nominal draw time of the frame
+            if not phase["from_s"] <= at <= phase["to_s"]:
+                continue
+            assert [label for label, _ in fr["rows"]] == t["rows"]
+            if phase.get("exact"):
+                got = {k: v for k, v in fr["rows"] if k in phase["loading"]}
+                if got != phase["loading"]:
+                    problems.append(f"{at}s: {got}, want exactly {phase['loading']}")
+            else:
+                problems += [f"{at}s: {p}" for p in check_loading(phase["loading"], t, fr["rows"])]
+    assert problems == []
+    # The client that ended holds no memory any more: its row leaves the table.
+    assert "dsp_a" in parsed[1]["processes"]
+    for fr in parsed[8:]:
+        assert set(fr["processes"]) == set(t["processes"])
