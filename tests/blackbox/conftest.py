@@ -54,16 +54,10 @@ def binary():
     return path
 
 
-def load_scenario(name):
-    path = Path(name) if str(name).endswith(".json") else SCENARIOS / f"{name}.json"
-    with open(path) as f:
-        return json.load(f)
-
-
 @pytest.fixture
 def truth():
     """truth(name) -> the scenario's ground truth ("truth" section)."""
-    return lambda name: load_scenario(name)["truth"]
+    return lambda name: json.loads((SCENARIOS / f"{name}.json").read_text())["truth"]
 
 
 class BoardRun:
@@ -94,12 +88,12 @@ class BoardRun:
         return json.loads(text) if text else {}
 
 
-def _run_board(scenario, cmd, workdir, timeout=60, env=None, input=None):
+def _run_board(scenario, cmd, workdir, timeout=60):
     args = [str(RUN_BOARD), "--scenario", str(scenario), "--build-dir", str(BUILD_DIR),
             "--workdir", str(workdir), "--"] + [str(c) for c in cmd]
     t0 = time.monotonic()
     proc = subprocess.run(args, capture_output=True, text=True, timeout=timeout,
-                          env=env, input=input, stdin=None if input else subprocess.DEVNULL)
+                          stdin=subprocess.DEVNULL)
     run = BoardRun(proc, workdir, time.monotonic() - t0)
     if run.returncode == CANNOT_RUN and "cannot build the board" in run.stderr:
         pytest.skip("board cannot be built here: " + run.stderr.strip().splitlines()[-1])
@@ -111,9 +105,9 @@ def run_on_board(board_available, tmp_path):
     """run_on_board(scenario, cmd, timeout=60) -> BoardRun (stdout, stderr, returncode, logs)."""
     count = [0]
 
-    def run(scenario, cmd, timeout=60, **kw):
+    def run(scenario, cmd, timeout=60):
         count[0] += 1
-        return _run_board(scenario, cmd, tmp_path / f"board{count[0]}", timeout, **kw)
+        return _run_board(scenario, cmd, tmp_path / f"board{count[0]}", timeout)
 
     return run
 
@@ -154,20 +148,6 @@ class PtySession:
                 return
             self.raw += data
             self.stream.feed(data)
-
-    def text(self):
-        return "\n".join(line.rstrip() for line in self.screen.display)
-
-    def wait_for(self, pattern, timeout=10):
-        end = time.monotonic() + timeout
-        while time.monotonic() < end:
-            self.pump(0.1)
-            if re.search(pattern, self.text()):
-                return True
-            if not self.child.isalive():
-                self.pump(0.1)
-                return bool(re.search(pattern, self.text()))
-        return False
 
     def send(self, keys):
         self.child.send(keys)

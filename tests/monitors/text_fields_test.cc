@@ -1,150 +1,107 @@
+// The parsers under the DDR, memory and file monitors.
 #include "monitors/text_fields.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
-#include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
+#include "monitors/file_monitor.h"
+#include "monitors/value_readers.h"
 #include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
 
-using Fields = std::vector<std::string>;
+using Fields = std::vector<std::string_view>;
 
-Fields Split(std::string_view text, char delimiter) {
-  Fields out;
-  for (std::string_view f : SplitFields(text, delimiter)) out.emplace_back(f);
-  return out;
+TEST(TextFieldsTest, SplitFieldsDropsEmptyPiecesButTheLastAndTrimsAllButBlankOnes) {
+  EXPECT_EQ(SplitFields("", '|'), Fields{""});
+  EXPECT_EQ(SplitFields("|a||\t b \r\n| |c|", '|'), (Fields{"a", "b", " ", "c", ""}));
+  EXPECT_EQ(SplitFields("Read|x|\r\n", '|'), (Fields{"Read", "x", "\r\n"}));
+  EXPECT_EQ(SplitFields("client tgid  size type\n", ' '),
+            (Fields{"client", "tgid", "size", "type"}));
 }
 
-struct SplitCase {
-  const char* text;
-  char delimiter;
-  Fields expected;
-};
-
-class SplitFieldsTest : public ::testing::TestWithParam<SplitCase> {};
-
-TEST_P(SplitFieldsTest, Splits) {
-  const SplitCase& c = GetParam();
-  EXPECT_EQ(Split(c.text, c.delimiter), c.expected) << "text: \"" << c.text << "\"";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, SplitFieldsTest,
-    ::testing::Values(
-        SplitCase{"", '|', {""}}, SplitCase{"abc", '|', {"abc"}},
-        SplitCase{"  abc \t", '|', {"abc"}},
-        // Leading delimiter: the empty piece before it is dropped.
-        SplitCase{"|Read|x|250", '|', {"Read", "x", "250"}},
-        // Trailing delimiter: a final empty piece.
-        SplitCase{"Read|x|", '|', {"Read", "x", ""}},
-        // Runs of delimiters drop the empty pieces between them.
-        SplitCase{"a||b|||c", '|', {"a", "b", "c"}},
-        SplitCase{" Read | x | 250 \r\n", '|', {"Read", "x", "250"}},
-        // A pseudo-terminal line ending in the delimiter keeps its blank end untrimmed.
-        SplitCase{"Read|x|\r\n", '|', {"Read", "x", "\r\n"}},
-        // Blank pieces ended by a delimiter are kept as they stand.
-        SplitCase{"a| |b", '|', {"a", " ", "b"}}, SplitCase{"a|\t\t|b", '|', {"a", "\t\t", "b"}},
-        SplitCase{"  ", '|', {"  "}},
-        SplitCase{"client tgid  size type\n", ' ', {"client", "tgid", "size", "type"}},
-        SplitCase{"a b \n", ' ', {"a", "b", "\n"}}, SplitCase{"|", '|', {""}},
-        SplitCase{"||", '|', {""}}));
-
-struct ParseCase {
-  const char* text;
-  bool ok;
-  bool stored;
-  std::uint64_t value;
-};
-
-class ParseUnsignedTest : public ::testing::TestWithParam<ParseCase> {};
-
-TEST_P(ParseUnsignedTest, Parses) {
-  const ParseCase& c = GetParam();
-  constexpr std::uint64_t kSentinel = 0xdeadbeef;
-  std::uint64_t value = kSentinel;
-  EXPECT_EQ(ParseUnsigned(c.text, value), c.ok) << c.text;
-  EXPECT_EQ(value, c.stored ? c.value : kSentinel) << c.text;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, ParseUnsignedTest,
-    ::testing::Values(ParseCase{"0", true, true, 0}, ParseCase{"250", true, true, 250},
-                      ParseCase{"007", true, true, 7},
-                      ParseCase{"18446744073709551615", true, true, 18446744073709551615ull},
-                      ParseCase{"18446744073709551616", false, false, 0},
-                      ParseCase{"99999999999999999999", false, false, 0},
-                      // Overflow in the leading digits fails even with a tail.
-                      ParseCase{"18446744073709551616x", false, false, 0},
-                      ParseCase{"25.5", false, true, 25}, ParseCase{"12 ", false, true, 12},
-                      ParseCase{"12\r\n", false, true, 12}, ParseCase{"", false, false, 0},
-                      ParseCase{" 12", false, false, 0}, ParseCase{"+12", false, false, 0},
-                      ParseCase{"-12", false, false, 0}, ParseCase{"x12", false, false, 0},
-                      ParseCase{"\n", false, false, 0}));
-
-TEST(ParseUnsignedTest, ReadsOnlyTheView) {
-  const std::string text = "12345";
-  std::uint64_t value = 0;
-  EXPECT_TRUE(ParseUnsigned(std::string_view(text).substr(0, 3), value));
-  EXPECT_EQ(value, 123u);
-}
-
-// Random and truncated inputs must neither crash nor read outside the view
-// (run under ASan); the invariants below hold for every input.
-TEST(TextFieldsFuzzTest, RandomInputsKeepInvariants) {
-  std::mt19937 rng(12345);
-  const std::string alphabet = "0123456789 |\t\r\n-+.xa";
-  for (int round = 0; round < 2000; ++round) {
-    const std::size_t length = rng() % 40;
-    std::string owned;
-    for (std::size_t i = 0; i < length; ++i) owned.push_back(alphabet[rng() % alphabet.size()]);
-    // Exact-size heap copy so that a read one past the end is caught.
-    std::unique_ptr<char[]> exact(new char[length == 0 ? 1 : length]);
-    owned.copy(exact.get(), length);
-    const std::string_view text(exact.get(), length);
-    const char delimiter = (round % 2) != 0 ? '|' : ' ';
-    const auto fields = SplitFields(text, delimiter);
-    ASSERT_FALSE(fields.empty());
-    for (std::string_view f : fields) {
-      ASSERT_GE(f.data(), text.data());
-      ASSERT_LE(f.data() + f.size(), text.data() + text.size());
-      if (!f.empty()) {
-        ASSERT_EQ(f.find(delimiter), std::string_view::npos);
-      }
-    }
-    std::uint64_t value = 0;
-    const bool ok = ParseUnsigned(text, value);
-    if (ok) {
-      ASSERT_EQ(text.find_first_not_of("0123456789"), std::string_view::npos);
-      ASSERT_EQ(value, std::strtoull(owned.c_str(), nullptr, 10));
-    }
+TEST(TextFieldsTest, ParseUnsignedTakesWholeDecimalNumbersOf64BitsOnly) {
+  // Text, result, value afterwards (99: untouched).
+  const std::tuple<std::string_view, bool, std::uint64_t> cases[] = {
+      {"0", true, 0},
+      {"18446744073709551615", true, 18446744073709551615u},
+      {"18446744073709551616", false, 99},
+      {"99999999999999999999", false, 99},
+      {"18446744073709551616x", false, 99},
+      {"25.5", false, 25},
+      {"12\r\n", false, 12},
+      {"", false, 99},
+      {" 12", false, 99},
+      {"+12", false, 99},
+      {"-12", false, 99},
+      {std::string_view("12345").substr(0, 3), true, 123}};
+  for (const auto& [text, ok, value] : cases) {
+    std::uint64_t parsed = 99;
+    EXPECT_EQ(ParseUnsigned(text, parsed), ok) << text;
+    EXPECT_EQ(parsed, value) << text;
   }
 }
 
-class ProcessRunningTest : public test_support::BoardRootTest {};
-
-TEST_F(ProcessRunningTest, MatchesBaseNameOfFirstArgumentByPrefix) {
-  tree.WriteFile("proc/12/cmdline", std::string("/usr/bin/camera_daemon\0--name\0dsp", 34));
+TEST(TextFieldsTest, IsProcessRunningMatchesTheStartOfTheFirstArgumentsBaseName) {
+  test_support::BoardRoot tree;
+  tree.WriteFile("proc/12/cmdline", std::string("/usr/bin/camera_daemon\0dsp", 26));
   tree.WriteFile("proc/self/cmdline", std::string("/bin/dspd\0", 10));
-  tree.WriteFile("proc/40/cmdline", std::string("plain\0", 6));
-  tree.MakeDir("proc/41");  // no cmdline: skipped
+  tree.MakeDir("proc/41");
   EXPECT_TRUE(IsProcessRunning("camera"));
   EXPECT_TRUE(IsProcessRunning("camera_daemon"));
-  EXPECT_TRUE(IsProcessRunning("plain"));
-  EXPECT_FALSE(IsProcessRunning("camera_daemonX"));
-  EXPECT_FALSE(IsProcessRunning("usr"));
-  // Only the first argument counts, and only entries named by a digit.
-  EXPECT_FALSE(IsProcessRunning("dsp"));
-  EXPECT_FALSE(IsProcessRunning("dspd"));
+  // Not the path, not the other arguments, not entries named otherwise than by a pid.
+  for (const char* name : {"camera_daemonX", "usr", "dsp"}) EXPECT_FALSE(IsProcessRunning(name));
   test_support::BoardRoot without_proc;
-  EXPECT_FALSE(IsProcessRunning("camera"));
+  EXPECT_EQ(test_support::CaptureStderr([] { EXPECT_FALSE(IsProcessRunning("camera")); }),
+            "open proc failed\n");
+}
+
+TEST(ValueReadersTest, EachReaderConvertsOnlyItsDriversLayout) {
+  // Text, then result and value of ReadSecondToken and of ReadPlainNumber (-1: untouched).
+  const std::tuple<const char*, long, float, long, float> cases[] = {
+      {"loading 37.5 %", 1, 37.5f, 0, -1}, {"37.5 %\n", 0, -1, 1, 37.5f}, {"", -1, -1, -1, -1}};
+  for (const auto& [text, second_result, second, plain_result, plain] : cases) {
+    float value = -1;
+    EXPECT_EQ(ReadSecondToken(value, text), second_result) << text;
+    EXPECT_EQ(value, second) << text;
+    value = -1;
+    EXPECT_EQ(ReadPlainNumber(value, text), plain_result) << text;
+    EXPECT_EQ(value, plain) << text;
+  }
+}
+
+// One read of at most 63 bytes, then the reader; 0.0 unless both worked.
+TEST(ValueReadersTest, ReadLoadingPublishesOnlyASingleConversionOfOneShortRead) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+  char buffer[64] = {};
+  const auto load = [&](const std::string& text, FileMonitor::Reader reader) {
+    EXPECT_EQ(text.empty() ? 0 : write(ends[1], text.data(), text.size()), ssize_t(text.size()));
+    FileMonitor monitor(MonitorConfig{}, nullptr, std::move(reader));
+    const float value = monitor.ReadLoading(ends[0], buffer, sizeof buffer);
+    for (char drain[256]; read(ends[0], drain, sizeof drain) > 0;) {
+    }
+    return value;
+  };
+  // Figures are published as the driver gives them, neither scaled nor clamped.
+  EXPECT_EQ(load("loading 250.5 %\n", ReadSecondToken), 250.5f);
+  EXPECT_EQ(load("-3\n", ReadPlainNumber), -3.0f);
+  EXPECT_EQ(load("garbage\n", ReadPlainNumber), 0.0f);
+  EXPECT_EQ(load("", ReadPlainNumber), 0.0f);  // nothing to read yet
+  EXPECT_EQ(load("7" + std::string(99, ' '), ReadPlainNumber), 7.0f);
+  EXPECT_EQ(buffer[63], '\0');
+  close(ends[1]);
+  EXPECT_EQ(load("", ReadPlainNumber), 0.0f);  // end of file: the old text is not read again
+  close(ends[0]);
 }
 
 }  // namespace
