@@ -62,8 +62,8 @@ TEST(MonitorConfigTest, DiscoveryOnBoards) {
       entry.ends_with('/') ? board.MakeDir(entry) : board.WriteFile(entry, "");
     }
     MonitorConfig got;
-    const std::string err =
-        test_support::CaptureStderr([&] { got = (*g_gen_config_funcs.Find(engine))(kOptions); });
+    const GenConfigFunc& generate = *g_gen_config_funcs.Find(engine);
+    const std::string err = test_support::CaptureStderr([&] { got = generate(kOptions); });
     EXPECT_EQ(err + Render(got), expected);
   }
   MonitorConfig ddr{"junk", 9, 9, true, true, false, {"file"}};

@@ -68,7 +68,10 @@ TEST(StatusMonitorTest, RunSleepsOnePeriodBetweenPassesUntilStopped) {
   EXPECT_TRUE(test_support::WaitFor([&] { return monitor.calls.load() >= 3; }));
   // One pass at once, then one per 50 ms.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
-  monitor.Stop();  // the base's destructor joins
+  monitor.Stop();
+  // Joined here: the base's destructor would join only after the sampler's
+  // own members, which the worker still uses, are gone.
+  monitor.JoinThreads();
 }
 
 }  // namespace

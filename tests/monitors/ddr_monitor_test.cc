@@ -55,7 +55,8 @@ TEST_F(DdrTest, SocNameThenCoreNumChooseThePortAndOnlyBatchPrintsWhy) {
     if (soc != nullptr) board.WriteFile("/sys/class/boardinfo/soc_name", soc);
     if (cores != nullptr) board.WriteFile("/sys/devices/system/ypu/core_num", cores);
     bool chosen = !first_port;
-    EXPECT_EQ(CaptureStderr([&] { chosen = ChooseFirstYpuPort(batch); }), message);
+    // Named captures: clang 14 cannot capture structured bindings implicitly.
+    EXPECT_EQ(CaptureStderr([&, batch = batch] { chosen = ChooseFirstYpuPort(batch); }), message);
     EXPECT_EQ(chosen, first_port) << (soc ? soc : "-") << (cores ? cores : "-");
   }
 }

@@ -56,7 +56,10 @@ TEST(FileMonitorTest, RunsOneWorkerPerOpenedFileOrOneForAllAndTellsWhyUnderVerbo
     ASSERT_EQ(symlink("/dev/full", BoardPath("/full").c_str()), 0);
     std::unique_ptr<FileMonitor> monitor;
     test_support::ScopedLogLevel level(verbose ? 0 : 1);
-    EXPECT_EQ(test_support::CaptureStderr([&] { monitor = Make(files, 100, name); }), message);
+    EXPECT_EQ(test_support::CaptureStderr(
+                  // Named captures: clang 14 cannot capture structured bindings implicitly.
+                  [&, &files = files, &name = name] { monitor = Make(files, 100, name); }),
+              message);
     monitor->Start();
     EXPECT_EQ(test_support::CountThreadsNamed(name + "_loading"), workers) << message;
     monitor->Stop();

@@ -36,7 +36,10 @@ TEST(MonitorRegistryTest, GivesOnlyReadyUnstartedMonitorsOfKnownNamesWithUsableS
     refused.emplace_back(Config(engine, 500, 0), "sample time is 0 for " + engine + "\n");
   }
   for (const auto& [config, message] : refused) {
-    EXPECT_EQ(CaptureStderr([&] { EXPECT_EQ(CreateMonitor(config, nullptr), nullptr); }), message)
+    EXPECT_EQ(
+        // Named captures: clang 14 cannot capture structured bindings implicitly.
+        CaptureStderr([&config = config] { EXPECT_EQ(CreateMonitor(config, nullptr), nullptr); }),
+        message)
         << config.name;
   }
   const auto gdc = CreateMonitor(Config("GDC", 0, 1000), nullptr);

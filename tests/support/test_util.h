@@ -20,11 +20,6 @@ class BoardRoot : public TempTree {
   ~BoardRoot();
 };
 
-class BoardRootTest : public ::testing::Test {
- protected:
-  BoardRoot tree;
-};
-
 // Log level `level` (0 is -v) for the object's lifetime, then the default.
 struct ScopedLogLevel {
   explicit ScopedLogLevel(int level);
