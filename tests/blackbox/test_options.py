@@ -1,7 +1,7 @@
 """The command line of the real binary: exact stdout, stderr and exit status.
 
-These need no board: every case either ends in the parser or runs a few
-frames in batch mode, where an absent board simply gives an empty report."""
+Command lines that end in the parser run on the host; accepted ones start the
+monitor and run on the bare board."""
 import subprocess
 
 import pytest
@@ -115,7 +115,8 @@ SUMMARY = "delay: %d ms\nfrequency: %d sample/sec\nbatch mode: %s\n"
     (["--verbose", "--batch", "--time=1", "--delay=1000"],
      SUMMARY % (1000, 500, "true") + "iterator nums: 1\nduration time: 1 sec\n"),
 ], ids=lambda v: " ".join(v) if isinstance(v, list) else "")
-def test_verbose_summary_of_accepted_command_lines(binary, args, summary):
-    out, err, status = run(binary, args)
-    assert status == 0, err
-    assert err[:len(summary)] == summary
+def test_verbose_summary_of_accepted_command_lines(run_monitor, args, summary):
+    # These start the monitor, so they run on the board, not the host.
+    r = run_monitor("bare", args, timeout=30)
+    assert r.returncode == 0, r.stderr
+    assert r.stderr[:len(summary)] == summary
