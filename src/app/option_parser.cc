@@ -138,10 +138,6 @@ bool ConvertDuration(MonitorOption& option) {
 
 }  // namespace
 
-const char* UsageText() {
-  return kUsage;
-}
-
 bool ValidateEnableList(const std::vector<std::string>& enable_list) {
   if (enable_list.empty()) return false;
   for (const auto& item : enable_list) {

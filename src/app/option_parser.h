@@ -19,7 +19,4 @@ MonitorOption ParseOptions(int argc, char** argv);
 // "<item> is invalid, valid value is {YPU,...}, case-insensitive".
 bool ValidateEnableList(const std::vector<std::string>& enable_list);
 
-// The usage text, byte for byte as -h prints it.
-const char* UsageText();
-
 }  // namespace kestro::zqp

@@ -137,5 +137,5 @@ def values(lines):
         elif code == "h":
             out["heaps"][v[0]] = tuple(size(v[1]))
         elif code == "p":
-            out["processes"][v[1][:18]] = (v[0], *size(v[2]))
+            out["processes"][v[1]] = (v[0], *size(v[2]))
     return out
