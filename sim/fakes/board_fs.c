@@ -25,7 +25,6 @@
 #include <unistd.h>
 
 #define KZM_MAX_TEXTS 16
-#define KZM_MAX_TEXT 4096
 
 struct node {
   char* path;
@@ -170,14 +169,12 @@ static int fs_read(const char* path, char* buf, size_t size, off_t off, struct f
   const char* backing = n->texts[(now_ms / n->step_ms) % (unsigned long long)n->ntexts];
   int fd = open(backing, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return -EIO;
-  char text[KZM_MAX_TEXT];
-  ssize_t len = read(fd, text, sizeof text);
+  // Read straight from the backing text at the caller's offset: debugfs
+  // files have no size limit, and a reader may take a big one in pieces.
+  ssize_t len = pread(fd, buf, size, off);
   close(fd);
   if (len < 0) return -EIO;
-  if (off >= len) return 0;
-  size_t avail = (size_t)(len - off);
-  if (size > avail) size = avail;
-  memcpy(buf, text + off, size);
+  size = (size_t)len;
   return (int)size;
 }
 

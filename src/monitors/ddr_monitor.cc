@@ -1,17 +1,21 @@
 #include "monitors/ddr_monitor.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <thread>
 
 #include "base/board_path.h"
 #include "base/fatal_signals.h"
@@ -23,10 +27,11 @@ namespace {
 
 static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
 
-constexpr std::size_t kLineBufferSize = 512;
-// One less than the buffer, as the tool's reader always did: at most 510
-// characters and the terminating NUL per fgets.
-constexpr int kLineReadSize = 511;
+// The tool's lines were always read with fgets into a 512-byte buffer with a
+// size of 511: at most 510 characters per line, a longer one arriving in
+// pieces of 510.
+constexpr std::size_t kMaxLineChars = 510;
+constexpr int kReapPollMs = 5;
 
 // Reads at most max_chars characters of the first line, without its '\n'.
 std::string ReadFirstLine(std::FILE* file, std::size_t max_chars) {
@@ -100,6 +105,11 @@ void DDRMonitor::Stop() {
 
 void DDRMonitor::ClosePty() {
   std::lock_guard<std::mutex> lock(pty_mutex);
+  if (wake_fd >= 0) {
+    const std::uint64_t one = 1;
+    // Cannot fail short of overflowing the counter; a wake-up is all it means.
+    [[maybe_unused]] const ssize_t written = write(wake_fd, &one, sizeof one);
+  }
   if (pty_fd <= 0) return;
   // Closing the master does not wake a read() blocked on it in another thread:
   // the reader holds its own reference, so the kernel hangs up the tool only
@@ -182,49 +192,34 @@ void DDRMonitor::Run() {
   close(slave);
 
   fcntl(master, F_SETFD, FD_CLOEXEC);
-  // The stream reads from a duplicate so that ClosePty, possibly on another
-  // thread, never closes the descriptor under fgets: the number could be
-  // reused by another open before fclose closed it a second time.
+  // The worker reads a duplicate so that ClosePty, possibly on another thread,
+  // never closes the descriptor being read: the number could be reused by
+  // another open before the reader closed it a second time.
   const int read_fd = fcntl(master, F_DUPFD_CLOEXEC, 1);
+  const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   {
     std::lock_guard<std::mutex> lock(pty_mutex);
     pty_fd = master;
     child_pid = pid;
+    wake_fd = wake;
   }
-  std::FILE* stream = nullptr;
-  if (read_fd > 0) {
-    stream = fdopen(read_fd, "r");
-    if (stream == nullptr) close(read_fd);
-  }
-
-  // A Stop that ran before pty_fd was stored found nothing to close; the flag
-  // it set first is seen here, and the ClosePty below hangs the tool up.
-  auto buffer = std::make_unique<char[]>(kLineBufferSize);
-  while (stream != nullptr && !stop.load()) {
-    errno = 0;
-    if (std::fgets(buffer.get(), kLineReadSize, stream) == nullptr) {
-      if (errno == EINTR) {
-        std::clearerr(stream);
-        continue;
-      }
-      break;
-    }
-    ParseLine(buffer.get());
-  }
+  // A Stop that ran before the descriptors were stored found nothing to wake;
+  // the flag it set first is seen by the loop, and the ClosePty below hangs
+  // the tool up.
+  if (read_fd > 0 && wake >= 0) ReadLines(read_fd, wake);
 
   ClosePty();
-  // Our duplicate is the last reference to the master; dropping it before the
-  // wait lets the kernel hang up a tool that ignored the SIGHUP and would
-  // otherwise block on a full pseudo-terminal.
-  if (stream != nullptr) std::fclose(stream);
-  buffer.reset();
+  {
+    std::lock_guard<std::mutex> lock(pty_mutex);
+    wake_fd = -1;
+  }
+  if (wake >= 0) close(wake);
+  // The duplicate is the last reference to the master; dropping it lets the
+  // kernel hang up the terminal, so a tool blocked writing to it wakes.
+  if (read_fd > 0) close(read_fd);
 
   int status = 0;
-  pid_t waited = -1;
-  do {
-    waited = waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  if (waited < 0) {
+  if (ReapTool(pid, status) < 0) {
     LogBatchError(batch, "Wait subprocess exit failed, error:%s\n", std::strerror(errno));
     return;
   }
@@ -233,6 +228,60 @@ void DDRMonitor::Run() {
     LogBatchVerbose(batch, "Run command:%s failed, exit status:%d, please check the previous log\n",
                     command.c_str(), WEXITSTATUS(status));
   }
+}
+
+void DDRMonitor::ReadLines(int read_fd, int wake) {
+  std::string line;
+  line.reserve(kMaxLineChars + 1);
+  char chunk[512];
+  pollfd waits[2] = {{read_fd, POLLIN, 0}, {wake, POLLIN, 0}};
+  while (!stop.load()) {
+    if (poll(waits, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (waits[1].revents != 0) return;
+    const ssize_t got = read(read_fd, chunk, sizeof chunk);
+    if (got < 0 && errno == EINTR) continue;
+    // Once the tool and every child of it closed the terminal, the master
+    // reads EIO rather than end of file. Like fgets, a read error drops an
+    // unfinished line; only a true end of file delivers it.
+    if (got < 0) return;
+    if (got == 0) {
+      if (!line.empty()) ParseLine(line.c_str());
+      return;
+    }
+    for (ssize_t i = 0; i < got; ++i) {
+      line.push_back(chunk[i]);
+      if (chunk[i] == '\n' || line.size() == kMaxLineChars) {
+        // An embedded NUL ends the line for the parser, as it did for fgets'
+        // caller.
+        ParseLine(line.c_str());
+        line.clear();
+      }
+    }
+  }
+}
+
+pid_t DDRMonitor::ReapTool(pid_t pid, int& status) {
+  // Waiting without reaping keeps the tool's number, and so its process group,
+  // from being reused while the group is killed below.
+  for (int waited = 0; waited < kToolGraceMs; waited += kReapPollMs) {
+    siginfo_t info{};
+    const int rc = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    if (rc == 0 && info.si_pid == pid) break;
+    if (rc != 0 && errno != EINTR) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(kReapPollMs));
+  }
+  // A tool that ignores the hang-up, or a child of it still holding the
+  // terminal, goes now. The group's leader is the tool's shell; until the
+  // child has made its group, only the child itself can be reached.
+  if (kill(-pid, SIGKILL) != 0) kill(pid, SIGKILL);
+  pid_t waited = -1;
+  do {
+    waited = waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  return waited;
 }
 
 }  // namespace kestro::zqp

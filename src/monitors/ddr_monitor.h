@@ -37,7 +37,11 @@ enum class DdrLineResult {
 };
 
 // Monitor with one worker task, which runs the tool once per Start and ends
-// when the tool closes its output, reading fails, or Stop hangs the tool up.
+// when the tool closes its output, reading fails, or Stop wakes it. The stop
+// is bounded: the tool is hung up, given kToolGraceMs to go, and then its
+// whole process group is killed and the tool reaped, so a tool that ignores
+// the hang-up and stays silent neither keeps the monitor from ending nor
+// outlives it.
 // Failures do not throw: a failed forkpty or a non-zero exit of the tool
 // clears the ready flag (so the report drops the DDR box and Start no longer
 // starts it); a tool ended by a signal, as on Stop, keeps it.
@@ -55,11 +59,15 @@ class DDRMonitor : public MonitorBase {
   // Stop, then join the worker.
   ~DDRMonitor() override;
 
-  // When not already stopped: sets the stop flag, then ClosePty. Does not join.
+  // How long a hung-up tool may take to end before its group is killed.
+  static constexpr int kToolGraceMs = 300;
+
+  // When not already stopped: sets the stop flag, then ClosePty. Does not
+  // join and never blocks, so a fatal-signal handler may call it.
   void Stop() override;
-  // Under the mutex, when the pseudo-terminal is open (> 0): hangs up the
-  // tool's process group, closes the master and stores -1. Safe from any
-  // thread, any number of times.
+  // Under the mutex: wakes the worker's wait for output, and when the
+  // pseudo-terminal is open (> 0) hangs up the tool's process group, closes
+  // the master and stores -1. Safe from any thread, any number of times.
   void ClosePty();
 
   // Parses one NUL-terminated output line, line end included. Lines starting
@@ -81,6 +89,12 @@ class DDRMonitor : public MonitorBase {
  private:
   // The worker task: runs the tool once and reads it to the end.
   void Run();
+  // Reads the tool's output line by line, as fgets with a 511-byte size would
+  // cut it, until end of output, a read error or a wake-up from ClosePty.
+  void ReadLines(int read_fd, int wake);
+  // Waits up to kToolGraceMs for the tool to end, kills what is left of its
+  // process group and reaps it. Returns waitpid's result; status is set.
+  pid_t ReapTool(pid_t pid, int& status);
 
   // Element 0 holds the figure, element 1 is never written. Accessed only
   // through relaxed std::atomic_ref: the report reads them without a lock.
@@ -91,6 +105,9 @@ class DDRMonitor : public MonitorBase {
   int pty_fd = -1;
   // The tool's shell (and process group leader) while pty_fd is open, else 0.
   pid_t child_pid = 0;
+  // Event descriptor the worker waits on beside the tool's output while it
+  // runs, else -1.
+  int wake_fd = -1;
   std::mutex pty_mutex;
   std::string command;
 };

@@ -149,12 +149,12 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     return false;
   }
   // The runtime creates the object and sizes it in two steps; touching a
-  // mapping beyond the object's end raises SIGBUS, so a node caught in
-  // between is treated like one that cannot be mapped.
+  // mapping past the last page the object reaches raises SIGBUS, so an empty
+  // object, caught in between, is treated like one that cannot be mapped. A
+  // shorter node lies within its first page and reads as zeros past its end.
   struct stat status;
   void* addr = MAP_FAILED;
-  if (fstat(entry.shm_fd, &status) == 0 &&
-      status.st_size >= static_cast<off_t>(kDspLoadingNodeSize)) {
+  if (fstat(entry.shm_fd, &status) == 0 && status.st_size > 0) {
     addr = mmap(nullptr, kDspLoadingNodeSize, PROT_READ | PROT_WRITE, MAP_SHARED, entry.shm_fd, 0);
   }
   if (addr == MAP_FAILED) {
