@@ -106,6 +106,17 @@ TEST_F(DdrTest, ExitStatusOfTheToolDecidesReadyAndOnlyVerboseBatchTellsWhatWentW
   }
 }
 
+// The tool's lines are cut as fgets into a 511-byte size cut them: 510 dashes
+// make one ignored line and the row after them another; a NUL ends a line.
+TEST_F(DdrTest, LinesAreCutAfter510CharactersAndEndAtANul) {
+  InstallTool("printf '%510s' '' | tr ' ' -\nprintf 'Read|x|5\\r\\nWrite|x|7\\000|y|9\\n'\n");
+  DDRMonitor monitor(DdrConfig(true));
+  monitor.Start();
+  monitor.JoinThreads();
+  EXPECT_EQ(monitor.ReadBandwidth(), 5u);
+  EXPECT_EQ(monitor.WriteBandwidth(), 7u);
+}
+
 // Rounds 0-7 stop at any stage of the start, mostly before the tool takes its
 // terminal; 8 and 9 a tool that prints nothing more, 9 by destroying the
 // monitor. The tool's own child holds the terminal too, so the reader finishes
