@@ -7,10 +7,19 @@
 // launcher shows at once. Writes are accepted and logged but never change what
 // reads return, as with the drivers' loading files.
 //
+// A file can go bad some time after the board's clock started, as a driver's
+// attribute does when its device is removed: from then on reads, also on
+// descriptors opened before, fail with the given error, and with ENOENT the
+// file also leaves its folder.
+//
 // Usage: kzm_board_fs CONFIG WRITE_LOG MOUNTPOINT [fuse options]
 // CONFIG holds one tab-separated entry per line:
+//   clock <TAB> /path of the file in which the launcher writes, when it starts
+//         the board's clock, that moment in CLOCK_MONOTONIC milliseconds
 //   dir <TAB> /path
-//   file <TAB> /path <TAB> mode(octal) <TAB> step_ms <TAB> read_delay_ms <TAB> backing...
+//   file <TAB> /path <TAB> mode(octal) <TAB> step_ms <TAB> read_delay_ms <TAB> gone_after_ms
+//        <TAB> gone_errno <TAB> backing...
+// gone_after_ms counts on the board's clock; 0 is never.
 #define FUSE_USE_VERSION 31
 #define _GNU_SOURCE
 #include <errno.h>
@@ -32,6 +41,8 @@ struct node {
   mode_t mode;
   unsigned long step_ms;
   unsigned long delay_ms;
+  unsigned long long gone_after_ms;
+  int gone_errno;
   int ntexts;
   char* texts[KZM_MAX_TEXTS];
 };
@@ -39,6 +50,9 @@ struct node {
 static struct node* g_nodes;
 static int g_nnodes;
 static const char* g_write_log;
+static char* g_clock_path;
+static unsigned long long g_clock_start_ms;  // 0 until the launcher started the clock
+static pthread_mutex_t g_clock_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_mutex_t g_log_lock = PTHREAD_MUTEX_INITIALIZER;
 
 static struct node* add_node(void) {
@@ -69,6 +83,10 @@ static int load_config(const char* path) {
     char* kind = strtok_r(line, "\t", &save);
     char* p = strtok_r(NULL, "\t", &save);
     if (kind == NULL || p == NULL) continue;
+    if (strcmp(kind, "clock") == 0) {
+      g_clock_path = strdup(p);
+      continue;
+    }
     struct node* n = add_node();
     n->path = strdup(p);
     if (strcmp(kind, "dir") == 0) {
@@ -79,10 +97,14 @@ static int load_config(const char* path) {
     char* mode = strtok_r(NULL, "\t", &save);
     char* step = strtok_r(NULL, "\t", &save);
     char* delay = strtok_r(NULL, "\t", &save);
+    char* gone_after = strtok_r(NULL, "\t", &save);
+    char* gone_errno = strtok_r(NULL, "\t", &save);
     n->mode = mode ? (mode_t)strtoul(mode, NULL, 8) : 0644;
     n->step_ms = step ? strtoul(step, NULL, 10) : 1000;
     if (n->step_ms == 0) n->step_ms = 1000;
     n->delay_ms = delay ? strtoul(delay, NULL, 10) : 0;
+    n->gone_after_ms = gone_after ? strtoull(gone_after, NULL, 10) : 0;
+    n->gone_errno = gone_errno ? atoi(gone_errno) : 0;
     char* t;
     while ((t = strtok_r(NULL, "\t", &save)) != NULL && n->ntexts < KZM_MAX_TEXTS) {
       n->texts[n->ntexts++] = strdup(t);
@@ -92,9 +114,38 @@ static int load_config(const char* path) {
   return 0;
 }
 
+static unsigned long long now_ms(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (unsigned long long)now.tv_sec * 1000ull + (unsigned long long)now.tv_nsec / 1000000ull;
+}
+
+// When the board's clock started, 0 while it has not (the file is written
+// whole, by rename, once).
+static unsigned long long clock_start_ms(void) {
+  pthread_mutex_lock(&g_clock_lock);
+  FILE* f = g_clock_start_ms == 0 && g_clock_path != NULL ? fopen(g_clock_path, "r") : NULL;
+  if (f != NULL) {
+    if (fscanf(f, "%llu", &g_clock_start_ms) != 1) g_clock_start_ms = 0;
+    fclose(f);
+  }
+  const unsigned long long start = g_clock_start_ms;
+  pthread_mutex_unlock(&g_clock_lock);
+  return start;
+}
+
+// The error the node's reads fail with from now on, 0 while it is fine.
+static int gone_error(const struct node* n) {
+  if (n->gone_after_ms == 0) return 0;
+  const unsigned long long start = clock_start_ms();
+  return start != 0 && now_ms() >= start + n->gone_after_ms ? n->gone_errno : 0;
+}
+
 static struct node* find(const char* path) {
   for (int i = 0; i < g_nnodes; ++i) {
-    if (strcmp(g_nodes[i].path, path) == 0) return &g_nodes[i];
+    if (strcmp(g_nodes[i].path, path) == 0) {
+      return gone_error(&g_nodes[i]) == ENOENT ? NULL : &g_nodes[i];
+    }
   }
   return NULL;
 }
@@ -135,7 +186,9 @@ static int fs_readdir(const char* path, void* buf, fuse_fill_dir_t fill, off_t o
   fill(buf, ".", NULL, 0, 0);
   fill(buf, "..", NULL, 0, 0);
   for (int i = 0; i < g_nnodes; ++i) {
-    if (is_child(path, g_nodes[i].path)) fill(buf, strrchr(g_nodes[i].path, '/') + 1, NULL, 0, 0);
+    if (is_child(path, g_nodes[i].path) && gone_error(&g_nodes[i]) != ENOENT) {
+      fill(buf, strrchr(g_nodes[i].path, '/') + 1, NULL, 0, 0);
+    }
   }
   return 0;
 }
@@ -156,17 +209,15 @@ static int fs_open(const char* path, struct fuse_file_info* fi) {
 static int fs_read(const char* path, char* buf, size_t size, off_t off, struct fuse_file_info* fi) {
   (void)path;
   struct node* n = &g_nodes[fi->fh];
+  const int gone = gone_error(n);
+  if (gone != 0) return -gone;
   if (n->delay_ms > 0) {
     struct timespec d = {(time_t)(n->delay_ms / 1000), (long)(n->delay_ms % 1000) * 1000000L};
     while (nanosleep(&d, &d) != 0 && errno == EINTR) {
     }
   }
   if (n->ntexts == 0) return 0;
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  unsigned long long now_ms =
-      (unsigned long long)now.tv_sec * 1000ull + (unsigned long long)now.tv_nsec / 1000000ull;
-  const char* backing = n->texts[(now_ms / n->step_ms) % (unsigned long long)n->ntexts];
+  const char* backing = n->texts[(now_ms() / n->step_ms) % (unsigned long long)n->ntexts];
   int fd = open(backing, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return -EIO;
   // Read straight from the backing text at the caller's offset: debugfs

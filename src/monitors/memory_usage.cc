@@ -90,6 +90,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
                       MemoryUsage& usage) {
   SectionState state = SectionState::kSeekTotal;
   Columns columns;
+  // Kept across rows: an allocation table has thousands of them.
+  std::vector<std::string_view> fields;
   bool seen_good_row = false;
   bool done = false;
   while (!done && std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
@@ -118,7 +120,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
       }
       case SectionState::kAllocationHeader: {
         bool complete = false;
-        if (!ReadHeader(SplitFields(line.data(), ' '), line, columns, complete)) {
+        SplitFields(line.data(), ' ', fields);
+        if (!ReadHeader(fields, line, columns, complete)) {
           done = true;
         } else if (complete) {
           state = SectionState::kAllocationRows;
@@ -126,7 +129,7 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
         break;
       }
       case SectionState::kAllocationRows: {
-        const std::vector<std::string_view> fields = SplitFields(line.data(), ' ');
+        SplitFields(line.data(), ' ', fields);
         std::int32_t pid = 0;
         std::uint64_t size = 0;
         const bool good = fields.size() >= 4 && columns.client < fields.size() &&

@@ -16,6 +16,9 @@ namespace kestro::zqp {
 // delimiter yields a final empty view. Never fails. The views point into text,
 // which must outlive them.
 std::vector<std::string_view> SplitFields(std::string_view text, char delimiter);
+// The same into fields, cleared first, so a caller splitting many lines keeps
+// one vector's storage.
+void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields);
 
 // Parses decimal digits (no sign, no blank) into value. Returns false without
 // touching value when text is empty, does not begin with a digit, or its

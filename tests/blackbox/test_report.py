@@ -113,3 +113,30 @@ def test_dsp_processes_appear_and_leave(run_monitor, truth):
         assert set(fr["processes"]) == set(t["processes"])
         # The heap text still lists what the ended client held.
         assert fr["heaps"] == heap_figures(t)
+
+
+def test_heap_text_of_5000_rows_is_read_whole(run_monitor, tmp_path):
+    """debugfs texts have no size limit: a heap text of 5,000 allocation rows
+    (about 370 KB) is summed to its last row, and the heap after it is read."""
+    from conftest import SCENARIOS
+    names = ["cam_svc", "media_svc", "dsp_app", "npu_pipeline"]
+    # Small rows of varied page counts, then one large row per process at the
+    # very end, so that a text cut short anywhere shows a smaller used figure.
+    rows = [(names[i % 4], 4096 * (1 + i * 7 % 13)) for i in range(4996)]
+    rows += [(name, (k + 3) << 23) for k, name in enumerate(names)]
+    scen = json.loads((SCENARIOS / "bare.json").read_text())
+    scen["processes"] = [{"name": n, "rss_kb": 1024} for n in names]
+    scen["ion"] = {"heaps": [{"id": 6, "total": 1 << 30, "allocations": rows},
+                             {"id": 5, "total": 1 << 25, "allocations": []}]}
+    path = tmp_path / "heap_5000.json"
+    path.write_text(json.dumps(scen))
+    used = sum(size for _, size in rows)
+    ion = {n: format_size(sum(size for name, size in rows if name == n)) for n in names}
+    frames = batch_frames(run_monitor(path, ["-b", "-n", "3", "-d", "300"], timeout=40), 3)
+    for f in frames:
+        assert codes(f) == expected_codes(0, False, 2, len(names))
+        got = values(f)
+        assert got["heaps"] == {name: tuple(format_size(n) for n in (total, u, total - u))
+                                for name, total, u in (("cma_reserved", 1 << 30, used),
+                                                       ("custom", 1 << 25, 0))}
+        assert {name: p[2] for name, p in got["processes"].items()} == ion

@@ -1,0 +1,147 @@
+"""A misbehaving board and a rough user: a DSP node cut short, clients killed by the
+thousand, a flood of fifo events, a window resized a hundred times and every handled
+fatal signal a hundred times. Nothing crashes or hangs, frames stay well formed, the
+terminal comes back. The loops run inside the board (sim/stress_driver)."""
+import json
+import signal
+import time
+from collections import Counter
+
+import pyte
+
+from conftest import REPO, SCENARIOS, SIM_BUILD
+from report_layout import codes, layout_problems, split_report, values
+from test_interactive import CURSOR_UP, FULL_CODES, lines, wait_frames
+
+DRIVER = ["/usr/bin/python3", str(REPO / "sim" / "stress_driver")]
+CLIENT = str(SIM_BUILD / "kzm_dsp_client")
+CRASH_TEXT = ("Sanitizer", "runtime error", "Segmentation", "core dumped", "terminate called")
+PIDFD = "anon_inode:[pidfd]"
+# The handled set: bit N of the fatal mask stands for signal N.
+FATAL = [signal.Signals(n).name for n in range(1, 32) if 0x0700FC4E >> n & 1]
+
+
+def dsp_board(tmp_path, node=None, clients=()):
+    """A board with one DSP core and nothing else, as a scenario file."""
+    scen = json.loads((SCENARIOS / "bare.json").read_text())
+    scen.update(dev=["vdsp0"], dsp={"nodes": [node or {}], "clients": list(clients)})
+    path = tmp_path / "dsp_board.json"
+    path.write_text(json.dumps(scen))
+    return path
+
+
+def well_formed(stdout, stderr, count=None):
+    """The frames of a batch output, each checked; no crash text on stderr."""
+    frames = split_report(stdout)
+    assert frames and len(frames) == (count or len(frames)), len(frames)
+    assert [i for i, f in enumerate(frames) if layout_problems(f)] == []
+    assert [t for t in CRASH_TEXT if t in stderr] == [], stderr[-500:]
+    return frames
+
+
+def dsp0(frame):
+    return dict(values(frame)["rows"])["DSP0"]
+
+
+def test_dsp_node_shorter_than_its_layout_is_watched(run_monitor, tmp_path):
+    """A 100-byte node holds magic, masks and the first pids: it is mapped (reading
+    zeros past its end) and a client busy all the time shows."""
+    board = dsp_board(tmp_path, {"size": 100}, [{"cores": [0], "duty": 100}])
+    r = run_monitor(board, ["-b", "-n", "3", "-d", "300"], timeout=30)
+    assert r.returncode == 0, r.stderr
+    frames = well_formed(r.stdout, r.stderr, 3)
+    assert [dsp0(f) for f in frames[1:]] == [100.0, 100.0]
+    assert "mmap node addr failed" not in r.stderr
+
+
+def drive(run_on_board, board, args, monitor, timeout):
+    """The driver's report and the board's wall time."""
+    start = time.monotonic()
+    r = run_on_board(board, DRIVER + args + ["--"] + monitor, timeout=timeout)
+    assert r.returncode == 0, r.stderr[-2000:]
+    out = json.loads(r.stdout)
+    assert "error" not in out and out.get("returncode", 0) == 0, (out.get("error"), out)
+    return out, time.monotonic() - start
+
+
+def growth(out):
+    """Descriptors opened (positive) or closed (negative) between the snapshots."""
+    diff = Counter(out["after"]["fds"])
+    diff.subtract(out["before"]["fds"])
+    return {k: v for k, v in diff.items() if v}
+
+
+def test_thousand_killed_clients_leave_only_their_pidfds(run_on_board, binary, tmp_path):
+    """Each client arrives while the monitor is idle and is found by one rescan of the
+    one node: one pidfd, kept open after its exit. Nothing else may grow: the node and
+    lock file mapped at start stay open (the first rescan maps them again over the
+    entry), and every later mapping is released at the exit that idles the monitor."""
+    n = 1000
+    out, took = drive(run_on_board, dsp_board(tmp_path),
+                      ["dsp-kill", "--count", str(n), "--client", CLIENT],
+                      [binary, "-b", "-d", "100", "-n", "1000000"], timeout=120)
+    assert out["killed"] == n and growth(out) == {PIDFD: n}
+    assert out["after"]["threads"] == out["before"]["threads"]
+    assert dsp0(well_formed(out["stdout"], out["stderr"])[-1]) == 0.0
+    assert took < 60, took
+
+
+def test_fifo_burst_while_sampling(run_on_board, binary, tmp_path):
+    """10,000 events for dead pids, bad pids and slots out of range, and a live pid
+    every hundredth (each opening one more pidfd, kept), while a client is busy."""
+    out, took = drive(run_on_board, dsp_board(tmp_path),
+                      ["fifo-burst", "--count", "10000", "--client", CLIENT],
+                      [binary, "-b", "-d", "200", "-n", "15"], timeout=60)
+    assert out["live_messages"] == 100 and growth(out) == {PIDFD: 100}
+    frames = well_formed(out["stdout"], out["stderr"], 15)
+    assert dsp0(frames[-1]) == 100.0  # no event released the live client's slot
+    gaps = [b - a for a, b in zip(out["frames"], out["frames"][1:])]
+    assert max(gaps) < 1.0 and out["seconds"] < 3 + 4, (gaps, out["seconds"])
+    assert took < 30, took
+
+
+def test_hundred_resizes_end_in_a_frame_for_the_last_size(pty_session, binary):
+    """Sizes too small to draw, over the width cap and ordinary, some between two
+    frames, some within one; then a frame of the last size, cut to its height."""
+    rows, cols = 30, 90
+    s = pty_session([binary, "-d", "100"], rows=40, cols=100, scenario="full")
+    wait_frames(s, 25)  # every engine, DSP client and DDR figure is up
+    sizes = [(24, 80), (5, 10), (4, 80), (24, 9), (60, 200), (100, 500), (1, 1), (12, 60),
+             (45, 120), (35, 49)]
+    for i in range(100):
+        s.child.setwinsize(*sizes[i % len(sizes)])
+        s.pump(0.005 * (i % 7))
+    s.child.setwinsize(rows, cols)
+    s.pump(0.3)
+    mark = len(s.raw)
+    end = time.monotonic() + 10
+    while len(CURSOR_UP.findall(s.raw[mark:])) < 3 and time.monotonic() < end:
+        s.pump(0.1)
+    ends = [m.end() for m in CURSOR_UP.finditer(s.raw, mark)]
+    assert len(ends) >= 3, s.raw[-300:]
+    a, b = ends[:2]  # a frame begun after the resize, from the top left corner
+    scr = pyte.Screen(cols, rows)
+    pyte.ByteStream(scr).feed(s.raw[a:b])
+    got = lines(scr)
+    assert codes(got[:rows - 1]) == FULL_CODES[:rows - 1]
+    assert layout_problems(got[:rows - 1], complete=False) == []
+    assert got[rows - 1] == "" and (scr.cursor.y, scr.cursor.x) == (0, 0)
+    s.send("q")
+    assert s.wait_exit(10) == 0
+    assert [t for t in CRASH_TEXT if t.encode() in s.raw] == []
+
+
+def test_every_fatal_signal_hundred_times_restores_the_terminal(run_on_board, binary):
+    """One board; each run on a fresh pseudo-terminal gets its signal after the first
+    frame, 0 to 90 ms into the next: death by that signal, same termios, cursor shown."""
+    out, took = drive(run_on_board, "full",
+                      ["signals", "--count", "100", "--jobs", "6", "--rows", "50"] + FATAL,
+                      [binary, "-d", "100"], timeout=300)
+    assert sorted(out) == sorted(FATAL)
+    assert {k: v["problems"] for k, v in out.items() if v["failed"] or v["runs"] != 100} == {}
+    for name, v in out.items():
+        scr = pyte.Screen(100, 50)
+        pyte.ByteStream(scr).feed(v["last_output"].encode("latin-1"))
+        frame = lines(scr)[:lines(scr).index("")]
+        assert layout_problems(frame) == [], (name, frame)
+    assert took < 200, (took, {k: v["seconds"] for k, v in out.items()})
