@@ -1,0 +1,210 @@
+// libFuzzer targets for the parsers of what other programs write. CMake builds
+// this file once per target as fuzz_<name>, defining KZM_FUZZ_<NAME> and
+// KZM_FUZZ_NAME. Trees, files and monitors are set up once; an input only
+// rewrites what the parser reads and runs it.
+#include <fcntl.h>
+#include <getopt.h>
+#include <sanitizer/common_interface_defs.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "app/option_parser.h"
+#include "base/board_path.h"
+#include "base/log.h"
+#include "monitors/ddr_monitor.h"
+#include "monitors/dsp_monitor.h"
+#include "monitors/file_monitor.h"
+#include "monitors/memory_usage.h"
+#include "monitors/text_fields.h"
+#include "monitors/value_readers.h"
+
+namespace kestro::zqp {
+namespace {
+
+// The board root, on tmpfs where there is one. Never destroyed: the removal at
+// exit runs after the static destructors.
+const std::string& Root() {
+  static const std::string* const root = [] {
+    auto* dir = new std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
+    if (mkdtemp((*dir += "/kzm_fuzz_XXXXXX").data()) == nullptr) std::abort();
+    SetBoardRootForTesting(*dir);
+    std::atexit([] { std::filesystem::remove_all(Root()); });
+    return dir;
+  }();
+  return *root;
+}
+
+bool WriteBoardFile(const std::string& path, std::string_view text) {
+  const std::filesystem::path file = Root() + path;
+  std::filesystem::create_directories(file.parent_path());
+  if (!std::ofstream(file, std::ios::binary).write(text.data(), std::ssize(text))) std::abort();
+  return true;
+}
+
+// The heap file names pid 100, which has a status file; fuzz_heap_text and
+// fuzz_proc_status replace one of them per input.
+constexpr char kHeapFile[] = "/sys/kernel/debug/ion/heaps/all_heap_info";
+const bool kBoardMade = WriteBoardFile(kHeapFile,
+                                       "the heap id is 6\nheap total size 1048576\nallocations\n"
+                                       "client tgid size type\ncam 100 4096 cma\n") &&
+                        WriteBoardFile("/proc/100/status", "VmRSS:\t 1000 kB\n");
+
+// One report frame's collection, and what the report relies on afterwards.
+[[maybe_unused]] void Collect() {
+  MemoryUsage usage;
+  CollectMemoryUsage(usage);
+  for (std::size_t i = 0; i < kHeapCount; ++i)
+    if (usage.heap_used[i] > usage.heap_total[i]) std::abort();
+  for (const auto& entry : usage.processes)
+    if (std::memchr(entry.second.name, '\0', sizeof entry.second.name) == nullptr) std::abort();
+}
+
+#ifdef KZM_FUZZ_OPTIONS
+// The parser's short options (src/app/option_parser.cc), for a first getopt
+// pass that skips inputs reaching -h, -V or a getopt error, on which
+// ParseOptions ends the process. Long options are errors to this pass, so
+// inputs with them are skipped too: they reach the same cases of the parser.
+constexpr char kShortOptions[] = "hvbVd:f:n:t:e:";
+#endif
+
+// The sampler is left out: Start only marks the monitor running (it has never
+// run while no process was found), so an input starts and joins no thread.
+class [[maybe_unused]] Dsp : public DSPMonitor {
+ public:
+  using DSPMonitor::DSPMonitor;
+  using DSPMonitor::OnDspEvent;
+  using DSPMonitor::OnProcessExit;
+  void Start() override { stop.store(!HasProcess()); }
+};
+
+}  // namespace
+}  // namespace kestro::zqp
+
+using namespace kestro::zqp;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+#if defined(KZM_FUZZ_HEAP_TEXT) || defined(KZM_FUZZ_PROC_STATUS)
+  WriteBoardFile(std::string_view(KZM_FUZZ_NAME) == "heap_text" ? kHeapFile : "/proc/100/status",
+                 text);
+  Collect();
+#elif defined(KZM_FUZZ_DDR_LINE)
+  // In batch mode with -v a bad row is printed too. Each '\n'-ended line, of
+  // any length, is parsed, then the whole input as one line.
+  static DDRMonitor* const monitor =
+      (SetLogLevel(0), new DDRMonitor({"DDR", 0, 0, false, false, true, {}}));
+  for (std::size_t start = 0, end; start < size; start = end + 1) {
+    end = std::min(text.find('\n', start), size - 1);
+    monitor->ParseLine(text.substr(start, end - start + 1).c_str());
+  }
+  monitor->ParseLine(text.c_str());
+#elif defined(KZM_FUZZ_SECOND_TOKEN) || defined(KZM_FUZZ_PLAIN_NUMBER)
+  // The input is the driver's file as the monitor reads it, through its
+  // 64-byte buffer, then the whole text as any caller may pass it.
+  constexpr auto reader =
+      std::string_view(KZM_FUZZ_NAME) == "second_token" ? ReadSecondToken : ReadPlainNumber;
+  static const int fd = memfd_create("kzm_fuzz_loading", MFD_CLOEXEC);
+  static FileMonitor monitor({"GDC", 0, 1000, true, false, true, {}}, nullptr, reader);
+  if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
+    std::abort();
+  char buffer[64] = {};
+  monitor.ReadLoading(fd, buffer, sizeof buffer);
+  if (buffer[sizeof buffer - 1] != '\0') std::abort();  // the readers need the text ended
+  float value = 0.0f;
+  reader(value, text.c_str());
+#elif defined(KZM_FUZZ_TEXT_FIELDS)
+  // The first byte is the delimiter; each field is also read as a number.
+  // ASan sees a view that strays out of the input when it is read.
+  if (size == 0) return 0;
+  const std::string_view rest = std::string_view(text).substr(1);
+  for (const std::string_view field : SplitFields(rest, text[0])) {
+    std::uint64_t value = 0;
+    ParseUnsigned(field, value);
+  }
+#elif defined(KZM_FUZZ_OPTIONS)
+  // Each line of the input is one word of argv.
+  std::string words = text;
+  std::vector<char*> argv = {const_cast<char*>("kvt_zqp_monitor")};
+  for (std::size_t start = 0, end; start < words.size(); start = end + 1) {
+    end = std::min(words.find('\n', start), words.size());
+    argv.push_back(words.data() + start);
+    if (end < words.size()) words[end] = '\0';
+  }
+  const int argc = static_cast<int>(argv.size());
+  argv.push_back(nullptr);
+  std::vector<char*> probe = argv;
+  opterr = optind = 0;
+  for (int code; (code = getopt_long(argc, probe.data(), kShortOptions, nullptr, nullptr)) != -1;)
+    if (code == 'h' || code == 'V' || code == '?') return 0;
+  opterr = 1, optind = 0;
+  const MonitorOption option = ParseOptions(argc, argv.data());
+  SetLogLevel(1);
+  if (option.valid && (option.delay_ms < 100 || option.delay_ms > 10000 || option.frequency < 10 ||
+                       option.frequency > 1000 || option.iterations == 0 ||
+                       (!option.enable_list.empty() && !ValidateEnableList(option.enable_list))))
+    std::abort();
+#elif defined(KZM_FUZZ_DSP)
+  // Input: the lengths of nodes 0 and 1, their bytes (node 2 is never made),
+  // then up to 16 records of a control byte and a fifo message: control % 9
+  // bytes of it are written (a runtime's write may come short) and read as one
+  // event; with bit 7 set the message's process then exits.
+  static std::vector<std::string> names;
+  static int fds[2];
+  static std::vector<std::pair<unsigned, unsigned> > spare;  // descriptors free at the start
+  if (names.empty()) {
+    for (int core = 0; core < 3; ++core) {
+      names.push_back("/kzm_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(core));
+      WriteBoardFile("/var/run/dsp_loading_flock_" + std::to_string(core), "");
+      if (core < 2) fds[core] = shm_open(names[core].c_str(), O_CREAT | O_RDWR, 0600);
+    }
+    std::atexit([] { shm_unlink(names[0].c_str()), shm_unlink(names[1].c_str()); });
+    // The sanitizer's symbolizer, started on first use, keeps pipes open:
+    // started now, they are not among the spare descriptors.
+    char symbol[256];
+    __sanitizer_symbolize_pc(__builtin_return_address(0), "%F %L", symbol, sizeof symbol);
+    for (unsigned fd = 3, from = 3; fd <= 1024; ++fd)
+      if (fd == 1024 || fcntl(static_cast<int>(fd), F_GETFD) != -1)
+        spare.emplace_back(from, fd - 1), from = fd + 1;
+  }
+  if (size < 2) return 0;
+  std::size_t pos = 2;
+  for (int core = 0; core < 2; ++core) {
+    const auto length = static_cast<ssize_t>(std::min<std::size_t>(data[core], size - pos));
+    if (ftruncate(fds[core], 0) != 0 || pwrite(fds[core], data + pos, length, 0) != length)
+      std::abort();
+    pos += length;
+  }
+  {
+    Dsp monitor({"DSP", 500, 1000, false, false, true, names}, nullptr);
+    monitor.Start();
+    for (int events = 0; pos + 9 <= size && events < 16; pos += 9, ++events) {
+      DSPEventMsg msg = 0;
+      std::memcpy(&msg, data + pos + 1, sizeof msg);
+      static_cast<void>(write(monitor.EventFifo().write_fd(), data + pos + 1, data[pos] % 9));
+      // A rescan while idle maps each node again over its last mapping, which
+      // then stays for good; released here, or millions of inputs would run
+      // out of mappings.
+      DspLoadingNode* before[3] = {};
+      for (std::uint32_t core = 0; core < 3 && monitor.IsStopped(); ++core)
+        before[core] = monitor.CoreEntry(core).node;
+      monitor.OnDspEvent(monitor.EventFifo().read_fd());
+      for (std::uint32_t core = 0; core < 3; ++core) {
+        if (before[core] != nullptr && before[core] != monitor.CoreEntry(core).node)
+          munmap(before[core], kDspLoadingNodeSize);
+        monitor.IsCoreBusy(core);
+      }
+      if (data[pos] & 0x80) monitor.OnProcessExit(msg);
+    }
+    monitor.Stop();
+  }
+  // What the monitor keeps open on purpose: stale lock and object descriptors,
+  // untracked process descriptors, the fifo's write end.
+  for (const auto& [first, last] : spare) close_range(first, last, 0);
+#endif
+  return 0;
+}
