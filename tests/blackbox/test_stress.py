@@ -79,11 +79,13 @@ def test_thousand_killed_clients_leave_only_their_pidfds(run_on_board, binary, t
     n = 1000
     out, took = drive(run_on_board, dsp_board(tmp_path),
                       ["dsp-kill", "--count", str(n), "--client", CLIENT],
-                      [binary, "-b", "-d", "100", "-n", "1000000"], timeout=120)
+                      [binary, "-b", "-d", "100", "-n", "1000000"], timeout=300)
     assert out["killed"] == n and growth(out) == {PIDFD: n}
     assert out["after"]["threads"] == out["before"]["threads"]
     assert dsp0(well_formed(out["stdout"], out["stderr"])[-1]) == 0.0
-    assert took < 60, took
+    # About 3 s in a plain build; a sanitizer build on a loaded machine takes
+    # tens of seconds. Only a hang is a fault here.
+    assert took < 240, took
 
 
 def test_fifo_burst_while_sampling(run_on_board, binary, tmp_path):
