@@ -14,6 +14,12 @@
 namespace kestro::zqp {
 namespace {
 
+// The runtime's lock on a node. A failure (the lock file closed) cannot be
+// mended here; the node is then touched unguarded, as before a lock existed.
+void LockFile(int fd, int command) {
+  if (lockf(fd, command, 0) != 0) return;
+}
+
 constexpr char kEventFifoPath[] = "/var/run/dsp_event";
 constexpr char kLockPathPrefix[] = "/var/run/dsp_loading_flock_";
 
@@ -126,9 +132,9 @@ void DSPMonitor::ReleaseSlot(std::uint32_t core, std::uint32_t slot) {
   // lockf locks belong to the process, so during a scan this relocks the lock
   // the scan holds and the unlock below releases it early; the runtime only
   // ever sees a consistent free_mask either way.
-  lockf(entry.lock_fd, F_LOCK, 0);
+  LockFile(entry.lock_fd, F_LOCK);
   if (entry.node != nullptr) entry.node->free_mask |= bit;
-  lockf(entry.lock_fd, F_ULOCK, 0);
+  LockFile(entry.lock_fd, F_ULOCK);
 }
 
 bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
@@ -140,12 +146,12 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     LogBatchVerbose(batch, "dsp%u loading flock open failed, %s\n", core, strerror(errno));
     return false;
   }
-  lockf(entry.lock_fd, F_LOCK, 0);
+  LockFile(entry.lock_fd, F_LOCK);
 
   entry.shm_fd = shm_open(files[core].c_str(), O_RDWR, kShmOpenMode);
   if (entry.shm_fd < 0) {
     LogBatchVerbose(batch, "shm open failed\n");
-    lockf(entry.lock_fd, F_ULOCK, 0);
+    LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
   // The runtime creates the object and sizes it in two steps; touching a
@@ -162,7 +168,7 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     entry.shm_fd = -1;
     entry.node = nullptr;
     LogBatchError(batch, "mmap node addr failed\n");
-    lockf(entry.lock_fd, F_ULOCK, 0);
+    LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
   entry.node = static_cast<DspLoadingNode*>(addr);
@@ -170,7 +176,7 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     // The node stays mapped; the next unmap releases it.
     LogBatchError(batch,
                   "wrong dsp node, please check whether monitor version match zqp version\n");
-    lockf(entry.lock_fd, F_ULOCK, 0);
+    LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
 
@@ -184,7 +190,7 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
       ReleaseSlot(core, slot);
     }
   }
-  lockf(entry.lock_fd, F_ULOCK, 0);
+  LockFile(entry.lock_fd, F_ULOCK);
   if (!has_process_.load()) return false;
   entry.running = &entry.node->running_mask;
   return true;

@@ -3,6 +3,8 @@
 Environment:
   KZM_BINARY          the monitor binary (set by CTest)
   KZM_BUILD_DIR       build folder holding sim/ artifacts (default <repo>/build)
+  KZM_GUEST_LIB       LIB:DIR, the accelerator library built for the binary's
+                      architecture when it runs under an emulator (set by CTest)
 """
 import json
 import os
@@ -21,6 +23,11 @@ SCENARIOS = REPO / "sim" / "scenarios"
 BUILD_DIR = Path(os.environ.get("KZM_BUILD_DIR", REPO / "build"))
 SIM_BUILD = BUILD_DIR / "sim"
 CANNOT_RUN = 77
+# The binary runs under a user-mode emulator (a cross build): slower, so some
+# timing margins widen.
+EMULATED = bool(os.environ.get("KZM_GUEST_LIB"))
+BOARD_ARGS = ["--build-dir", str(BUILD_DIR)] + (
+    ["--guest-lib", os.environ["KZM_GUEST_LIB"]] if EMULATED else [])
 VPS_ROOT = "/sys/devices/virtual/vps"
 DEBUG_ROOT = "/sys/kernel/debug"
 
@@ -46,12 +53,16 @@ def board_available():
         pytest.skip(reason)
 
 
+def program(variable, what):
+    path = os.environ.get(variable)
+    if not path or not os.access(path, os.X_OK):
+        pytest.skip(f"{variable} is not set to an executable {what} binary")
+    return path
+
+
 @pytest.fixture(scope="session")
 def binary():
-    path = os.environ.get("KZM_BINARY")
-    if not path or not os.access(path, os.X_OK):
-        pytest.skip("KZM_BINARY is not set to an executable monitor binary")
-    return path
+    return program("KZM_BINARY", "monitor")
 
 
 @pytest.fixture
@@ -88,11 +99,19 @@ class BoardRun:
 
 
 def _run_board(scenario, cmd, workdir, timeout=60):
-    args = [str(RUN_BOARD), "--scenario", str(scenario), "--build-dir", str(BUILD_DIR),
-            "--workdir", str(workdir), "--"] + [str(c) for c in cmd]
-    proc = subprocess.run(args, capture_output=True, text=True, timeout=timeout,
-                          stdin=subprocess.DEVNULL)
-    run = BoardRun(proc, workdir)
+    args = [str(RUN_BOARD), "--scenario", str(scenario)] + BOARD_ARGS + [
+        "--workdir", str(workdir), "--"] + [str(c) for c in cmd]
+    # In its own session, so a timeout takes the whole board down with it (the
+    # namespace dies with run-board's unshare), not only run-board.
+    with subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                          stdin=subprocess.DEVNULL, start_new_session=True) as proc:
+        try:
+            out, err = proc.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(proc.pid, signal.SIGKILL)
+            proc.communicate()
+            raise
+    run = BoardRun(subprocess.CompletedProcess(args, proc.returncode, out, err), workdir)
     if run.returncode == CANNOT_RUN and "cannot build the board" in run.stderr:
         pytest.skip("board cannot be built here: " + run.stderr.strip().splitlines()[-1])
     return run
@@ -127,8 +146,8 @@ class PtySession:
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
         self.workdir = Path(workdir)
-        args = ["--scenario", str(scenario), "--build-dir", str(BUILD_DIR), "--workdir",
-                str(workdir), "--"] + [str(c) for c in cmd]
+        args = ["--scenario", str(scenario)] + BOARD_ARGS + ["--workdir", str(workdir),
+                                                            "--"] + [str(c) for c in cmd]
         self.child = pexpect.spawn(str(RUN_BOARD), args, dimensions=(rows, cols), timeout=5)
 
     def pump(self, seconds=0.2):
@@ -206,3 +225,8 @@ def check_loading(truth_loading, truth, rows):
         if not any(abs(got[label] - w) <= tol for w in wants):
             problems.append(f"{label}: got {got[label]}, want {want} +/- {tol}")
     return problems
+
+
+@pytest.fixture(scope="session")
+def record_binary():
+    return program("KZM_RECORD_BINARY", "recorder")

@@ -181,10 +181,12 @@ def monitor_pid(root):
     for p in kids:
         try:
             with open(f"/proc/{p}/cmdline", "rb") as f:
-                argv0 = f.read().split(b"\0")[0]
+                argv = [os.path.basename(a) for a in f.read().split(b"\0")]
         except OSError:
             continue
-        if os.path.basename(argv0) == b"kvt_zqp_monitor":
+        # Under a user-mode emulator the process is the emulator running the binary.
+        if argv[0] == b"kvt_zqp_monitor" or (argv[0].startswith(b"qemu-") and
+                                             b"kvt_zqp_monitor" in argv):
             return p
     return None
 

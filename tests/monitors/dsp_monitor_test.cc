@@ -37,7 +37,7 @@ constexpr pid_t kNoSuchPid = 0x3FFFFFFF;  // above any pid_max
 struct Child {
   explicit Child(const char* lock_path = nullptr) : pid(fork()) {
     if (pid != 0) return;
-    if (lock_path != nullptr) lockf(open(lock_path, O_RDWR), F_LOCK, 0);
+    if (lock_path != nullptr && lockf(open(lock_path, O_RDWR), F_LOCK, 0) != 0) _exit(1);
     sleep(60);
     _exit(0);
   }
