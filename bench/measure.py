@@ -2,6 +2,7 @@
 """Cost of the monitor on the simulated board ("full" scenario, default options).
 
     bench/measure.py [--seconds N] [--quits K] [--build-dir DIR] [--scenario NAME]
+    bench/measure.py --with-record [--seconds N] [--build-dir DIR] [--scenario NAME]
 
 Runs the binary interactively in a pseudo-terminal (100x50) on the board and
 reports, as seen from inside the board's PID namespace:
@@ -10,6 +11,9 @@ reports, as seen from inside the board's PID namespace:
   - peak resident memory (VmHWM of /proc/<pid>/status);
   - time from writing "q" to the terminal to the process's exit (K more short
     runs add samples).
+With --with-record, kvt_zqp_record (default options, CSV to a file) runs on
+the same board at the same time as the monitor, and the CPU time per second
+and peak RSS of both are measured over the same N seconds (default 30).
 Needs root (see sim/README.md). Not run by CTest.
 """
 import argparse
@@ -17,9 +21,11 @@ import fcntl
 import json
 import os
 import pty
+import signal
 import struct
 import subprocess
 import sys
+import tempfile
 import termios
 import threading
 import time
@@ -41,7 +47,7 @@ def proc_status(pid, key):
     return None
 
 
-def one_run(binary, seconds, measure_cpu):
+def one_run(binary, seconds, measure_cpu, recorder=None):
     pid, fd = pty.fork()
     if pid == 0:
         os.execv(binary, [binary])
@@ -60,18 +66,34 @@ def one_run(binary, seconds, measure_cpu):
 
     threading.Thread(target=drain, daemon=True).start()
     result = {}
+    rec = None
+    if recorder:
+        fd_out, record_path = tempfile.mkstemp(suffix=".csv")
+        os.close(fd_out)
+        rec = subprocess.Popen([recorder, "-o", record_path], stdin=subprocess.DEVNULL)
     time.sleep(1.0)  # warm-up: monitors started, first frame drawn
     if measure_cpu:
         c0, t0 = proc_cpu_s(pid), time.monotonic()
+        r0 = proc_cpu_s(rec.pid) if rec else 0
         time.sleep(seconds)
         c1, t1 = proc_cpu_s(pid), time.monotonic()
         result["cpu_percent_of_one_core"] = 100.0 * (c1 - c0) / (t1 - t0)
+        if rec:
+            result["record_cpu_percent_of_one_core"] = 100.0 * (proc_cpu_s(rec.pid) - r0) / (t1 - t0)
         result["wall_s"] = t1 - t0
         result["frames"] = bytes(out).count(b"| Monitor ")
     else:
         time.sleep(seconds)
     result["vm_hwm_kib"] = proc_status(pid, "VmHWM")
     result["threads"] = proc_status(pid, "Threads")
+    if rec:
+        result["record_vm_hwm_kib"] = proc_status(rec.pid, "VmHWM")
+        result["record_threads"] = proc_status(rec.pid, "Threads")
+        rec.send_signal(signal.SIGTERM)
+        result["record_exit_status"] = rec.wait()
+        with open(record_path) as f:
+            result["records"] = sum(1 for _ in f) - 1
+        os.unlink(record_path)
     q = time.monotonic()
     os.write(fd, b"q")
     _, status = os.waitpid(pid, 0)
@@ -82,6 +104,9 @@ def one_run(binary, seconds, measure_cpu):
 
 
 def inner(args):
+    if args.recorder:
+        print(json.dumps(one_run(args.binary, args.seconds, True, args.recorder)))
+        return
     main = one_run(args.binary, args.seconds, True)
     quits = [main["quit_ms"]] + [one_run(args.binary, 1.0, False)["quit_ms"]
                                  for _ in range(args.quits)]
@@ -91,13 +116,18 @@ def inner(args):
 
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("--seconds", type=float, default=20)
+    ap.add_argument("--seconds", type=float)
+    ap.add_argument("--with-record", action="store_true",
+                    help="run kvt_zqp_record beside the monitor and measure both")
+    ap.add_argument("--recorder")
     ap.add_argument("--quits", type=int, default=4)
     ap.add_argument("--scenario", default="full")
     ap.add_argument("--build-dir", default=os.path.join(REPO, "build"))
     ap.add_argument("--inner", action="store_true")
     ap.add_argument("--binary")
     args = ap.parse_args()
+    if args.seconds is None:
+        args.seconds = 30 if args.with_record else 20
     if args.inner:
         return inner(args)
     binary = args.binary or os.path.join(os.path.abspath(args.build_dir), "kvt_zqp_monitor")
@@ -105,11 +135,23 @@ def main():
            "--build-dir", args.build_dir, "--", "/usr/bin/python3", os.path.realpath(__file__),
            "--inner", "--binary", binary, "--seconds", str(args.seconds),
            "--quits", str(args.quits)]
+    if args.with_record:
+        cmd += ["--recorder", os.path.join(os.path.dirname(binary), "kvt_zqp_record")]
     r = subprocess.run(cmd, capture_output=True, text=True, stdin=subprocess.DEVNULL)
     if r.returncode != 0:
         sys.stderr.write(r.stderr)
         return r.returncode
     res = json.loads(r.stdout.strip().splitlines()[-1])
+    if args.with_record:
+        print(f"scenario {args.scenario}, default options, both on one board at once, "
+              f"{res['wall_s']:.1f} s measured")
+        print(f"{'':16}{'CPU (% of one core)':>22}{'peak RSS (MiB)':>17}{'threads':>9}")
+        for name, prefix in (("kvt_zqp_monitor", ""), ("kvt_zqp_record", "record_")):
+            print(f"{name:16}{res[prefix + 'cpu_percent_of_one_core']:>22.2f}"
+                  f"{res[prefix + 'vm_hwm_kib'] / 1024:>17.2f}{res[prefix + 'threads']:>9}")
+        print(f"{res['frames']} frames, {res['records']} records; recorder exit status after "
+              f"SIGTERM: {res['record_exit_status']}")
+        return 0
     quits = sorted(res["quit_ms_all"])
     print(f"scenario {args.scenario}, default options, {res['wall_s']:.1f} s measured, "
           f"{res['frames']} frames, {res['threads']} threads")

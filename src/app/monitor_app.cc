@@ -36,6 +36,52 @@ void HandleFatalSignal(int sig) {
 
 }  // namespace
 
+void InstallFatalSignalHandler(std::function<void(int)> callback) {
+  g_signal_callback = std::move(callback);
+  for (int sig = 1; sig < 32; ++sig) {
+    if (kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
+  }
+}
+
+void ClearFatalSignalCallback() {
+  g_signal_callback = nullptr;
+}
+
+bool MonitorSet::Create(const MonitorOption& option,
+                        const std::shared_ptr<WatchTaskRunner>& runner) {
+  MonitorConfig ddr_config;
+  if (!BuildDdrConfig(option, ddr_config)) return false;
+  ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
+  ddr_monitor->Start();
+
+  std::vector<MonitorConfig> configs;
+  if (!GenerateMonitorConfigs(option, configs)) return false;
+  for (const MonitorConfig& config : configs) {
+    std::shared_ptr<MonitorBase> monitor = CreateMonitor(config, runner);
+    if (!monitor) continue;
+    monitors.push_back(monitor);
+    monitor->Start();
+  }
+  return true;
+}
+
+void MonitorSet::Stop() {
+  if (stopped.load()) return;
+  if (ddr_monitor) ddr_monitor->Stop();
+  for (const auto& monitor : monitors) monitor->Stop();
+  stopped.store(true);
+}
+
+DdrFigures MonitorSet::Ddr() const {
+  DdrFigures ddr;
+  if (ddr_monitor) {
+    ddr.ready = ddr_monitor->IsReady();
+    ddr.read = static_cast<std::uint32_t>(ddr_monitor->ReadBandwidth());
+    ddr.write = static_cast<std::uint32_t>(ddr_monitor->WriteBandwidth());
+  }
+  return ddr;
+}
+
 MonitorApp::MonitorApp(const MonitorOption& option)
     : terminal(option.batch),
       delay_ms(option.delay_ms),
@@ -50,20 +96,17 @@ MonitorApp::~MonitorApp() {
   StopMonitors();
   terminal.RestoreTerminal();
   // The handler must not reach this object once it is gone.
-  g_signal_callback = nullptr;
+  ClearFatalSignalCallback();
 }
 
 bool MonitorApp::Init() {
   if (initialised) return true;
-  if (stopped.load()) return false;
+  if (monitor_set.Stopped()) return false;
 
-  g_signal_callback = [this](int) {
+  InstallFatalSignalHandler([this](int) {
     StopMonitors();
     terminal.RestoreTerminal();
-  };
-  for (int sig = 1; sig < 32; ++sig) {
-    if (kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
-  }
+  });
 
   if (!CreateMonitors()) return false;
   InitInput();
@@ -80,20 +123,7 @@ bool MonitorApp::CreateMonitors() {
   option.batch = batch;
   option.enable_list = enable_list;
 
-  MonitorConfig ddr_config;
-  if (!BuildDdrConfig(option, ddr_config)) return false;
-  ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
-  ddr_monitor->Start();
-
-  std::vector<MonitorConfig> configs;
-  if (!GenerateMonitorConfigs(option, configs)) return false;
-  for (const MonitorConfig& config : configs) {
-    std::shared_ptr<MonitorBase> monitor = CreateMonitor(config, runner);
-    if (!monitor) continue;
-    monitors.push_back(monitor);
-    monitor->Start();
-  }
-  return true;
+  return monitor_set.Create(option, runner);
 }
 
 void MonitorApp::InitInput() {
@@ -141,20 +171,11 @@ void MonitorApp::Run() {
 }
 
 void MonitorApp::StopMonitors() {
-  if (stopped.load()) return;
-  if (ddr_monitor) ddr_monitor->Stop();
-  for (const auto& monitor : monitors) monitor->Stop();
-  stopped.store(true);
+  monitor_set.Stop();
 }
 
 int MonitorApp::DrawFrame() {
-  DdrFigures ddr;
-  if (ddr_monitor) {
-    ddr.ready = ddr_monitor->IsReady();
-    ddr.read = static_cast<std::uint32_t>(ddr_monitor->ReadBandwidth());
-    ddr.write = static_cast<std::uint32_t>(ddr_monitor->WriteBandwidth());
-  }
-  return monitor::DrawFrame(terminal, monitors, ddr, memory);
+  return monitor::DrawFrame(terminal, monitor_set.Monitors(), monitor_set.Ddr(), memory);
 }
 
 }  // namespace kestro::zqp::monitor

@@ -5,11 +5,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/monitor_option.h"
+#include "display/report.h"
 #include "display/terminal_display.h"
 #include "monitor/monitor_base.h"
 #include "monitors/ddr_monitor.h"
@@ -17,6 +19,46 @@
 #include "runner/watch_task_runner.h"
 
 namespace kestro::zqp::monitor {
+
+// Installs the one handler for the thirteen fatal signals (kFatalSignalMask),
+// which runs callback, then the signal's default action. Replaces the callback
+// of an earlier call.
+void InstallFatalSignalHandler(std::function<void(int)> callback);
+// Empties the handler's callback, so that it no longer reaches its owner.
+void ClearFatalSignalCallback();
+
+// The DDR monitor and the engine monitors that the options select, created
+// and started together and stopped together; every program of the library
+// takes its figures from one.
+class MonitorSet {
+ public:
+  MonitorSet() = default;
+  MonitorSet(const MonitorSet&) = delete;
+  MonitorSet& operator=(const MonitorSet&) = delete;
+
+  // Builds the DDR configuration and starts the DDR monitor, generates the
+  // engine configurations and creates and starts a monitor for each that comes
+  // up. False when the configurations cannot be made (after their message);
+  // what was started then runs until Stop.
+  bool Create(const MonitorOption& option, const std::shared_ptr<WatchTaskRunner>& runner);
+  // Asks every monitor to stop (does not join). Idempotent; safe from the
+  // signal handler.
+  void Stop();
+  bool Stopped() const { return stopped.load(); }
+
+  // The engine monitors in creation order.
+  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const { return monitors; }
+  // The DDR figures as the report shows them.
+  DdrFigures Ddr() const;
+
+ private:
+  // Destroyed in reverse: the DDR monitor first, then the engine monitors
+  // (each joining its workers).
+  std::vector<std::shared_ptr<MonitorBase>> monitors;
+  std::unique_ptr<DDRMonitor> ddr_monitor;
+  // Atomic: a fatal signal may run Stop on any thread.
+  std::atomic<bool> stopped{false};
+};
 
 class MonitorApp {
  public:
@@ -43,7 +85,9 @@ class MonitorApp {
   int DrawFrame();
 
   // The engine monitors in creation order.
-  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const { return monitors; }
+  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const {
+    return monitor_set.Monitors();
+  }
 
  private:
   bool CreateMonitors();
@@ -59,12 +103,9 @@ class MonitorApp {
   bool batch;
   std::vector<std::string> enable_list;
   std::shared_ptr<WatchTaskRunner> runner;
-  std::vector<std::shared_ptr<MonitorBase>> monitors;
-  std::unique_ptr<DDRMonitor> ddr_monitor;
+  MonitorSet monitor_set;
   PeriodicTimer timer;
   bool initialised = false;
-  // Atomic: a fatal signal may run StopMonitors on any thread.
-  std::atomic<bool> stopped{false};
   MemoryUsage memory;
 };
 

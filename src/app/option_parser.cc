@@ -151,6 +151,55 @@ bool ValidateEnableList(const std::vector<std::string>& enable_list) {
   return true;
 }
 
+bool ApplySharedOption(int code, const char* text, MonitorOption& option) {
+  switch (code) {
+    case 'v':
+      SetLogLevel(0);
+      return true;
+    case 'd':
+      return ParseInRange(text, 100, 10000, "delay valid range is [%d, %d], but get %d\n",
+                          option.delay_ms);
+    case 'f':
+      return ParseInRange(text, 10, 1000, "sample frequency valid range is [%d, %d], but get %d\n",
+                          option.frequency);
+    case 'n':
+      return ParsePositive(text, "iterater number must great than 0, but get %d\n",
+                           option.iterations);
+    case 't':
+      return ParsePositive(text, "time must great than 0, but get %d\n", option.duration_s);
+    case 'e':
+      if (text == nullptr) {
+        LogError("value must no empty\n");
+      } else {
+        AppendEnableItems(text, option.enable_list);
+      }
+      return ValidateEnableList(option.enable_list);
+    default:
+      return false;
+  }
+}
+
+bool FinishSharedOptions(MonitorOption& option) {
+  const bool count_set = option.iterations != 0;
+  const bool time_set = option.duration_s != 0;
+  if (count_set && time_set) {
+    LogError("Not support setting both number and time\n");
+    ConvertDuration(option);
+    return false;
+  }
+  if (time_set) return ConvertDuration(option);
+  if (!count_set) option.iterations = kForever;
+  return true;
+}
+
+void LogSettings(const MonitorOption& option) {
+  LogVerbose("delay: %u ms\n", option.delay_ms);
+  LogVerbose("frequency: %u sample/sec\n", option.frequency);
+  LogVerbose("batch mode: %s\n", option.batch ? "true" : "false");
+  if (option.iterations != kForever) LogVerbose("iterator nums: %u\n", option.iterations);
+  if (option.duration_s != 0) LogVerbose("duration time: %u sec\n", option.duration_s);
+}
+
 MonitorOption ParseOptions(int argc, char** argv) {
   MonitorOption option;
   int code;
@@ -161,53 +210,21 @@ MonitorOption ParseOptions(int argc, char** argv) {
         std::fprintf(stderr, "ZQP Monitor version: %s\n", GetVersion().c_str());
         std::exit(0);
       case 'v':
-        SetLogLevel(0);
+      case 'd':
+      case 'f':
+      case 'n':
+      case 't':
+      case 'e':
+        option.valid = ApplySharedOption(code, optarg, option);
         break;
       case 'b':
         option.batch = true;
-        break;
-      case 'd':
-        option.valid = ParseInRange(optarg, 100, 10000,
-                                    "delay valid range is [%d, %d], but get %d\n", option.delay_ms);
-        break;
-      case 'f':
-        option.valid =
-            ParseInRange(optarg, 10, 1000, "sample frequency valid range is [%d, %d], but get %d\n",
-                         option.frequency);
-        break;
-      case 'n':
-        option.valid = ParsePositive(optarg, "iterater number must great than 0, but get %d\n",
-                                     option.iterations);
-        break;
-      case 't':
-        option.valid =
-            ParsePositive(optarg, "time must great than 0, but get %d\n", option.duration_s);
-        break;
-      case 'e':
-        if (optarg == nullptr) {
-          LogError("value must no empty\n");
-        } else {
-          AppendEnableItems(optarg, option.enable_list);
-        }
-        option.valid = ValidateEnableList(option.enable_list);
         break;
       default:  // 'h', and '?' for getopt's own errors
         PrintUsageAndExit();
     }
   }
-  if (!option.valid) return option;
-
-  const bool count_set = option.iterations != 0;
-  const bool time_set = option.duration_s != 0;
-  if (count_set && time_set) {
-    LogError("Not support setting both number and time\n");
-    option.valid = false;
-    ConvertDuration(option);
-  } else if (time_set) {
-    option.valid = ConvertDuration(option);
-  } else if (!count_set) {
-    option.iterations = kForever;
-  }
+  if (option.valid) option.valid = FinishSharedOptions(option);
   return option;
 }
 

@@ -19,4 +19,17 @@ MonitorOption ParseOptions(int argc, char** argv);
 // "<item> is invalid, valid value is {YPU,...}, case-insensitive".
 bool ValidateEnableList(const std::vector<std::string>& enable_list);
 
+// The options that every program of the library takes with the same meaning,
+// limits and messages: 'v', 'd', 'f', 'n', 't' and 'e' (code), with text the
+// option's argument. Applies one to option; false after the one message of a
+// bad value, as ParseOptions prints it.
+bool ApplySharedOption(int code, const char* text, MonitorOption& option);
+
+// Once every option is applied: refuses -n with -t and turns -t into a count,
+// or sets kForever when neither was given. False after the message(s).
+bool FinishSharedOptions(MonitorOption& option);
+
+// The settings summary of -v on stderr (log level 0 only), as main prints it.
+void LogSettings(const MonitorOption& option);
+
 }  // namespace kestro::zqp

@@ -1,0 +1,73 @@
+// The recording session of kvt_zqp_record: the monitor's engines, sampling
+// and figures, written as one record per interval (CSV, JSON lines or the
+// Prometheus text format) to standard output or a file, until the count is
+// reached or SIGINT or SIGTERM ends the run after the record in hand.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "app/monitor_app.h"
+#include "base/monitor_option.h"
+#include "monitors/memory_usage.h"
+#include "record/output_file.h"
+#include "record/writers.h"
+#include "runner/watch_task_runner.h"
+
+namespace kestro::zqp::monitor {
+
+struct RecordOption {
+  // -d, -f, -n, -t, -e and -v as the monitor takes them; batch is set, since
+  // there is no screen to keep the monitors' messages off.
+  MonitorOption monitor;
+  std::string output;  // -o; empty for standard output
+  record::Format format = record::Format::kCsv;
+  bool valid = true;
+};
+
+// Parses argv. -h prints the usage on stdout and ends the process with status
+// 0. A bad option or value prints one message on stderr (the monitor's for the
+// options it shares) and returns with valid false.
+RecordOption ParseRecordOptions(int argc, char** argv);
+
+class RecordApp {
+ public:
+  explicit RecordApp(const RecordOption& option);
+  RecordApp(const RecordApp&) = delete;
+  RecordApp& operator=(const RecordApp&) = delete;
+  // Stops the monitors, then releases the timer, the output, the monitors
+  // (joining their threads) and the runner.
+  ~RecordApp();
+
+  // Opens the output, routes SIGINT and SIGTERM to the loop and the other
+  // fatal signals to the monitor's handler, creates and starts the monitors,
+  // writes the CSV header and starts the timer. False after a message.
+  bool Init();
+  // Runs until the last record, SIGINT or SIGTERM, or a failed write; returns
+  // the exit status: 0, or 1 after a failed write.
+  int Run();
+
+ private:
+  void OnTimer(int fd);
+  void OnStopSignal(int fd);
+  // Writes text as one record; on failure prints why and ends the loop.
+  bool Emit(const std::string& text);
+  std::int64_t ElapsedMs() const;
+
+  RecordOption option;
+  std::shared_ptr<WatchTaskRunner> runner;
+  MonitorSet monitor_set;
+  MemoryUsage memory;
+  record::OutputFile output;
+  record::CsvLayout layout;
+  PeriodicTimer timer;
+  int signal_fd = -1;
+  std::chrono::steady_clock::time_point start;
+  std::uint32_t records = 0;
+  bool failed = false;
+  bool initialised = false;
+};
+
+}  // namespace kestro::zqp::monitor

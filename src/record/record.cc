@@ -1,0 +1,45 @@
+#include "record/record.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kestro::zqp::record {
+
+Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
+                  const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
+                  std::int64_t elapsed_ms) {
+  constexpr std::uint64_t kMiB = 1u << 20;
+  Record record;
+  record.wall_ms = wall_ms;
+  record.elapsed_ms = elapsed_ms;
+  for (const auto& monitor : monitors) {
+    const std::vector<float> values = monitor->LoadingSnapshot();
+    for (std::size_t core = 0; core < values.size(); ++core) {
+      record.loading.push_back({monitor->Name(), static_cast<std::uint32_t>(core), values[core]});
+    }
+  }
+  record.ddr_ready = ddr.ready;
+  record.ddr_read_bytes_per_s = ddr.read * kMiB;
+  record.ddr_write_bytes_per_s = ddr.write * kMiB;
+
+  CollectMemoryUsage(memory);
+  for (std::size_t heap = 0; heap < kHeapCount; ++heap) {
+    if (memory.heap_total[heap] == 0) continue;
+    record.heaps.push_back({heap, memory.heap_total[heap], memory.heap_used[heap]});
+  }
+  for (const auto& [pid, process] : memory.processes) {
+    record.processes.push_back(
+        {pid, std::string(process.name, strnlen(process.name, sizeof process.name)),
+         process.rss_kb << 10, process.ion_bytes});
+  }
+  std::sort(record.processes.begin(), record.processes.end(),
+            [](const ProcessFigure& a, const ProcessFigure& b) { return a.pid < b.pid; });
+  memory.processes.clear();
+  return record;
+}
+
+std::string Label(const LoadingFigure& figure) {
+  return figure.engine + std::to_string(figure.core);
+}
+
+}  // namespace kestro::zqp::record

@@ -1,0 +1,58 @@
+// One recorded interval: what the report shows at a frame, as numbers in base
+// units, with the wall-clock time and the time since the recording started.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "display/report.h"
+#include "monitor/monitor_base.h"
+#include "monitors/memory_usage.h"
+
+namespace kestro::zqp::record {
+
+struct LoadingFigure {
+  std::string engine;  // monitor name: "YPU", "DSP", ...
+  std::uint32_t core = 0;
+  float percent = 0;
+};
+
+struct HeapFigure {
+  std::size_t index = 0;  // into kHeapNames
+  std::uint64_t total_bytes = 0;
+  std::uint64_t used_bytes = 0;  // at most total_bytes, as the collector caps it
+};
+
+struct ProcessFigure {
+  std::int32_t pid = 0;
+  std::string name;  // the driver's client name: raw bytes, not necessarily UTF-8
+  std::uint64_t rss_bytes = 0;
+  std::uint64_t ion_bytes = 0;
+};
+
+struct Record {
+  std::int64_t wall_ms = 0;            // UTC, milliseconds since the epoch
+  std::int64_t elapsed_ms = 0;         // since the recording started
+  std::vector<LoadingFigure> loading;  // report order
+  bool ddr_ready = false;              // false: the report shows no DDR box
+  std::uint64_t ddr_read_bytes_per_s = 0;
+  std::uint64_t ddr_write_bytes_per_s = 0;
+  std::vector<HeapFigure> heaps;         // the heaps the report lists, in its order
+  std::vector<ProcessFigure> processes;  // by pid
+};
+
+// The figures of one report frame, taken as DrawFrame takes them: every
+// monitor's loading snapshot, the DDR figures (MiB/s, scaled to bytes/s), one
+// CollectMemoryUsage, after which the process table is emptied as after a
+// frame, so that the next collection starts from an empty table.
+Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
+                  const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
+                  std::int64_t elapsed_ms);
+
+// "YPU0": the report's row label.
+std::string Label(const LoadingFigure& figure);
+
+}  // namespace kestro::zqp::record

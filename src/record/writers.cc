@@ -1,0 +1,289 @@
+#include "record/writers.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "monitors/memory_usage.h"
+
+namespace kestro::zqp::record {
+namespace {
+
+// Milliseconds as seconds with three decimals: "12.003".
+std::string Seconds(std::int64_t ms) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%lld.%03lld", static_cast<long long>(ms / 1000),
+                static_cast<long long>(ms % 1000));
+  return text;
+}
+
+void AppendHex(std::string& out, const char* prefix, unsigned char byte) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%s%02x", prefix, byte);
+  out += text;
+}
+
+// A figure's text, or what the format writes for a figure that is no number
+// (a driver may publish "nan", which sscanf reads).
+std::string Otherwise(std::string text, const char* otherwise) {
+  return text.empty() ? otherwise : text;
+}
+
+bool IsControl(unsigned char byte) {
+  return byte < 0x20 || byte == 0x7f;
+}
+
+const LoadingFigure* FindLoading(const Record& record, const std::string& label) {
+  for (const LoadingFigure& figure : record.loading) {
+    if (Label(figure) == label) return &figure;
+  }
+  return nullptr;
+}
+
+const HeapFigure* FindHeap(const Record& record, std::size_t index) {
+  for (const HeapFigure& heap : record.heaps) {
+    if (heap.index == index) return &heap;
+  }
+  return nullptr;
+}
+
+// One metric family: HELP, TYPE and the samples "name{labels} value".
+void Family(std::string& out, const char* name, const char* help,
+            const std::vector<std::pair<std::string, std::string>>& samples) {
+  if (samples.empty()) return;
+  out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " gauge\n";
+  for (const auto& [labels, value] : samples) {
+    out += name;
+    if (!labels.empty()) out += "{" + labels + "}";
+    out += " " + value + "\n";
+  }
+}
+
+}  // namespace
+
+std::size_t Utf8SequenceLength(std::string_view bytes, std::size_t at) {
+  const auto byte = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const unsigned char lead = byte(at);
+  if (lead < 0x80) return 1;
+  std::size_t length = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xbf;
+  if (lead >= 0xc2 && lead <= 0xdf) {
+    length = 2;
+  } else if (lead >= 0xe0 && lead <= 0xef) {
+    length = 3;
+    if (lead == 0xe0) low = 0xa0;   // overlong below U+0800
+    if (lead == 0xed) high = 0x9f;  // surrogates U+D800..U+DFFF
+  } else if (lead >= 0xf0 && lead <= 0xf4) {
+    length = 4;
+    if (lead == 0xf0) low = 0x90;   // overlong below U+10000
+    if (lead == 0xf4) high = 0x8f;  // above U+10FFFF
+  } else {
+    return 0;
+  }
+  if (at + length > bytes.size() || byte(at + 1) < low || byte(at + 1) > high) return 0;
+  for (std::size_t i = 2; i < length; ++i) {
+    if ((byte(at + i) & 0xc0) != 0x80) return 0;
+  }
+  return length;
+}
+
+std::string CsvField(std::string_view field) {
+  if (field.find_first_of(",\"\r\n") == std::string_view::npos) return std::string(field);
+  std::string out = "\"";
+  for (const char c : field) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + "\"";
+}
+
+std::string JsonString(std::string_view bytes) {
+  std::string out = "\"";
+  for (std::size_t at = 0; at < bytes.size();) {
+    const std::size_t length = Utf8SequenceLength(bytes, at);
+    const auto byte = static_cast<unsigned char>(bytes[at]);
+    if (length == 0) {
+      AppendHex(out, "\\udc", byte);
+      ++at;
+      continue;
+    }
+    if (byte == '"' || byte == '\\') {
+      out += '\\';
+      out += bytes[at];
+    } else if (IsControl(byte)) {
+      AppendHex(out, "\\u00", byte);
+    } else {
+      out.append(bytes.substr(at, length));
+    }
+    at += length;
+  }
+  return out + "\"";
+}
+
+std::string PrometheusLabelValue(std::string_view bytes) {
+  std::string out;
+  for (std::size_t at = 0; at < bytes.size();) {
+    const std::size_t length = Utf8SequenceLength(bytes, at);
+    const auto byte = static_cast<unsigned char>(bytes[at]);
+    if (byte == '"' || byte == '\\') {
+      out += '\\';
+      out += bytes[at];
+    } else if (byte == '\n') {
+      out += "\\n";
+    } else if (length == 0 || IsControl(byte)) {
+      out += "\xef\xbf\xbd";
+    } else {
+      out.append(bytes.substr(at, length));
+    }
+    at += length == 0 ? 1 : length;
+  }
+  return out;
+}
+
+std::string Rfc3339(std::int64_t wall_ms) {
+  const std::time_t seconds = static_cast<std::time_t>(wall_ms / 1000);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[48];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
+                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                static_cast<int>(wall_ms % 1000));
+  return text;
+}
+
+std::string Percent(float value) {
+  if (!std::isfinite(value)) return "";
+  char text[32];
+  const double hundredths = std::round(static_cast<double>(value) * 100.0) / 100.0;
+  const auto result = std::to_chars(text, text + sizeof text, hundredths);
+  return std::string(text, result.ptr);
+}
+
+CsvLayout LayoutOf(const Record& record) {
+  CsvLayout layout;
+  for (const LoadingFigure& figure : record.loading) layout.labels.push_back(Label(figure));
+  for (const HeapFigure& heap : record.heaps) layout.heaps.push_back(heap.index);
+  return layout;
+}
+
+std::string CsvHeader(const CsvLayout& layout) {
+  std::string out = "time,elapsed_s";
+  for (const std::string& label : layout.labels) out += "," + CsvField(label);
+  out += ",ddr_read_bytes_per_second,ddr_write_bytes_per_second";
+  for (const std::size_t heap : layout.heaps) {
+    for (const char* figure : {"total", "used", "free"}) {
+      out += std::string(",") + kHeapNames[heap] + "_" + figure + "_bytes";
+    }
+  }
+  return out + "\r\n";
+}
+
+std::string CsvRow(const CsvLayout& layout, const Record& record) {
+  std::string out = Rfc3339(record.wall_ms) + "," + Seconds(record.elapsed_ms);
+  for (const std::string& label : layout.labels) {
+    const LoadingFigure* figure = FindLoading(record, label);
+    out += "," + (figure ? Percent(figure->percent) : "");
+  }
+  for (const std::uint64_t bytes : {record.ddr_read_bytes_per_s, record.ddr_write_bytes_per_s}) {
+    out += "," + (record.ddr_ready ? std::to_string(bytes) : "");
+  }
+  for (const std::size_t index : layout.heaps) {
+    const HeapFigure* heap = FindHeap(record, index);
+    if (heap == nullptr) {
+      out += ",,,";
+      continue;
+    }
+    for (const std::uint64_t bytes :
+         {heap->total_bytes, heap->used_bytes, heap->total_bytes - heap->used_bytes}) {
+      out += "," + std::to_string(bytes);
+    }
+  }
+  return out + "\r\n";
+}
+
+std::string JsonLine(const Record& record) {
+  std::string out = "{\"time\":\"" + Rfc3339(record.wall_ms) +
+                    "\",\"elapsed_s\":" + Seconds(record.elapsed_ms) + ",\"loading\":[";
+  for (std::size_t i = 0; i < record.loading.size(); ++i) {
+    const LoadingFigure& figure = record.loading[i];
+    out += std::string(i ? "," : "") + "{\"label\":" + JsonString(Label(figure)) +
+           ",\"engine\":" + JsonString(figure.engine) + ",\"core\":" + std::to_string(figure.core) +
+           ",\"percent\":" + Otherwise(Percent(figure.percent), "null") + "}";
+  }
+  out += "],\"ddr\":";
+  out += record.ddr_ready
+             ? "{\"read_bytes_per_second\":" + std::to_string(record.ddr_read_bytes_per_s) +
+                   ",\"write_bytes_per_second\":" + std::to_string(record.ddr_write_bytes_per_s) +
+                   "}"
+             : "null";
+  out += ",\"heaps\":[";
+  for (std::size_t i = 0; i < record.heaps.size(); ++i) {
+    const HeapFigure& heap = record.heaps[i];
+    out += std::string(i ? "," : "") + "{\"name\":\"" + kHeapNames[heap.index] +
+           "\",\"total_bytes\":" + std::to_string(heap.total_bytes) +
+           ",\"used_bytes\":" + std::to_string(heap.used_bytes) +
+           ",\"free_bytes\":" + std::to_string(heap.total_bytes - heap.used_bytes) + "}";
+  }
+  out += "],\"processes\":[";
+  for (std::size_t i = 0; i < record.processes.size(); ++i) {
+    const ProcessFigure& process = record.processes[i];
+    out += std::string(i ? "," : "") + "{\"pid\":" + std::to_string(process.pid) +
+           ",\"name\":" + JsonString(process.name) +
+           ",\"rss_bytes\":" + std::to_string(process.rss_bytes) +
+           ",\"ion_bytes\":" + std::to_string(process.ion_bytes) + "}";
+  }
+  return out + "]}\n";
+}
+
+std::string PrometheusText(const Record& record) {
+  using Samples = std::vector<std::pair<std::string, std::string>>;
+  std::string out = "# kvt_zqp_record sample at " + Rfc3339(record.wall_ms) + "\n";
+  Family(out, "kvt_zqp_sample_timestamp_seconds",
+         "Wall-clock time of the sample, seconds since the epoch.",
+         {{"", Seconds(record.wall_ms)}});
+  Family(out, "kvt_zqp_elapsed_seconds", "Time since the recording started.",
+         {{"", Seconds(record.elapsed_ms)}});
+  Samples loading;
+  for (const LoadingFigure& figure : record.loading) {
+    loading.emplace_back("engine=\"" + PrometheusLabelValue(figure.engine) + "\",core=\"" +
+                             std::to_string(figure.core) + "\"",
+                         Otherwise(Percent(figure.percent), "NaN"));
+  }
+  Family(out, "kvt_zqp_loading_percent",
+         "Loading of an engine core over the last interval, in percent.", loading);
+  Samples ddr;
+  if (record.ddr_ready) {
+    ddr = {{"direction=\"read\"", std::to_string(record.ddr_read_bytes_per_s)},
+           {"direction=\"write\"", std::to_string(record.ddr_write_bytes_per_s)}};
+  }
+  Family(out, "kvt_zqp_ddr_bandwidth_bytes_per_second",
+         "DDR bandwidth as the board's DDR tool last reported it.", ddr);
+  Samples total;
+  Samples used;
+  Samples free;
+  for (const HeapFigure& heap : record.heaps) {
+    const std::string labels = std::string("heap=\"") + kHeapNames[heap.index] + "\"";
+    total.emplace_back(labels, std::to_string(heap.total_bytes));
+    used.emplace_back(labels, std::to_string(heap.used_bytes));
+    free.emplace_back(labels, std::to_string(heap.total_bytes - heap.used_bytes));
+  }
+  Family(out, "kvt_zqp_heap_size_bytes", "Total size of an ION heap.", total);
+  Family(out, "kvt_zqp_heap_used_bytes", "Memory of an ION heap held by allocations.", used);
+  Family(out, "kvt_zqp_heap_free_bytes", "Memory of an ION heap not held by allocations.", free);
+  Samples rss;
+  Samples ion;
+  for (const ProcessFigure& process : record.processes) {
+    const std::string labels = "pid=\"" + std::to_string(process.pid) + "\",name=\"" +
+                               PrometheusLabelValue(process.name) + "\"";
+    rss.emplace_back(labels, std::to_string(process.rss_bytes));
+    ion.emplace_back(labels, std::to_string(process.ion_bytes));
+  }
+  Family(out, "kvt_zqp_process_resident_bytes",
+         "Resident memory of a process that holds ION memory.", rss);
+  Family(out, "kvt_zqp_process_ion_bytes", "ION memory counted for a process.", ion);
+  return out;
+}
+
+}  // namespace kestro::zqp::record

@@ -1,0 +1,240 @@
+"""kvt_zqp_record on the simulated board: its records in each format against the
+scenario's ground truth, the Prometheus file through promtool and a real
+node_exporter, the plot of a run, and every way a run ends."""
+import csv
+import json
+import os
+import re
+import shutil
+import socket
+import subprocess
+import threading
+import time
+import urllib.request
+from datetime import datetime, timezone
+
+import pytest
+
+from conftest import REPO, check_loading
+
+MIB = 1 << 20
+RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+
+
+def csv_records(path):
+    """The rows of a recorded CSV as records; every row complete, CRLF line ends."""
+    raw = path.read_bytes()
+    assert raw.endswith(b"\r\n") and raw.count(b"\n") == raw.count(b"\r\n")
+    header, *rows = csv.reader(raw.decode().splitlines())
+    assert header[:2] == ["time", "elapsed_s"]
+    out = []
+    for row in rows:
+        assert len(row) == len(header), row
+        cell = dict(zip(header, row))
+        heaps = {k[:-len("_total_bytes")] for k in header if k.endswith("_total_bytes")}
+        out.append({
+            "time": cell["time"], "elapsed_s": float(cell["elapsed_s"]),
+            "loading": [(k, float(cell[k])) for k in header[2:] if re.fullmatch(r"[A-Z]+\d+", k)],
+            "ddr": (int(cell["ddr_read_bytes_per_second"]),
+                    int(cell["ddr_write_bytes_per_second"])),
+            "heaps": {h: tuple(int(cell[f"{h}_{f}_bytes"]) for f in ("total", "used", "free"))
+                      for h in heaps}})
+    return out
+
+
+def json_records(text):
+    out = []
+    for line in text.splitlines():
+        r = json.loads(line)
+        out.append(dict(r, loading=[(x["label"], x["percent"]) for x in r["loading"]],
+                        ddr=(r["ddr"]["read_bytes_per_second"], r["ddr"]["write_bytes_per_second"]),
+                        heaps={h["name"]: (h["total_bytes"], h["used_bytes"], h["free_bytes"])
+                               for h in r["heaps"]}))
+        assert all(x["label"] == f'{x["engine"]}{x["core"]}' for x in r["loading"])
+    return out
+
+
+def check_records(records, t, count, delay_s):
+    assert len(records) == count
+    start = None
+    for i, r in enumerate(records):
+        assert RFC3339.match(r["time"]), r["time"]
+        wall = datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
+            tzinfo=timezone.utc).timestamp()
+        assert abs(wall - time.time()) < 600  # UTC, not local time
+        # One record per expiry of the interval timer, never early.
+        assert (i + 1) * delay_s - 0.005 <= r["elapsed_s"] < (i + 1) * delay_s + 10
+        start = start if start is not None else wall - r["elapsed_s"]
+        assert abs(wall - r["elapsed_s"] - start) < 0.2
+    last = records[-1]
+    assert [label for label, _ in last["loading"]] == t["rows"]
+    assert check_loading(t["loading"], t, last["loading"]) == []
+    assert last["ddr"] == (t["ddr"]["read"] * MIB, t["ddr"]["write"] * MIB)
+    assert last["heaps"] == {name: (h["total"], h["used"], h["total"] - h["used"])
+                             for name, h in t["heaps"].items()}
+
+
+@pytest.mark.parametrize("fmt", ["csv", "jsonl"])
+def test_records_match_truth(run_on_board, record_binary, truth, tmp_path, fmt):
+    t = truth("full")
+    out = tmp_path / "run.csv"
+    # CSV to a file with -t (4 s at 500 ms: 8 records), JSON lines on stdout with -n.
+    args = ["-o", out, "-t", "4"] if fmt == "csv" else ["--format", "jsonl", "-n", "8"]
+    r = run_on_board("full", [record_binary, "-d", "500"] + args)
+    assert (r.returncode, r.stderr) == (0, "")
+    if fmt == "csv":
+        assert r.stdout == ""
+        check_records(csv_records(out), t, 8, 0.5)
+        return
+    records = json_records(r.stdout)
+    check_records(records, t, 8, 0.5)
+    procs = {p["name"]: p for p in records[-1]["processes"]}
+    assert {name: p["ion_bytes"] for name, p in procs.items()} == {
+        name: p["ion_bytes"] for name, p in t["processes"].items()}
+    for name, p in t["processes"].items():
+        assert procs[name]["rss_bytes"] >= p["rss_kb_min"] * 1024
+        assert procs[name]["pid"] == r.pids()[name]
+
+
+def prom_samples(text):
+    """{(name, ((label, value), ...)): value} of an exposition."""
+    samples = {}
+    for line in text.splitlines():
+        if line and not line.startswith("#"):
+            m = re.fullmatch(r"(\w+)(?:\{(.*)\})? (\S+)", line)
+            labels = tuple(sorted(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', m[2] or "")))
+            samples[(m[1], labels)] = float(m[3])
+    return samples
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, tmp_path):
+    promtool, exporter = shutil.which("promtool"), shutil.which("prometheus-node-exporter")
+    if not promtool or not exporter:
+        pytest.skip("needs promtool and prometheus-node-exporter (Debian packages prometheus, "
+                    "prometheus-node-exporter)")
+    t = truth("full")
+    folder = tmp_path / "textfile"
+    folder.mkdir()
+    port = free_port()
+    node = subprocess.Popen([exporter, f"--web.listen-address=127.0.0.1:{port}",
+                             "--collector.disable-defaults", "--collector.textfile",
+                             f"--collector.textfile.directory={folder}"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    scrapes, done = [], threading.Event()
+
+    def scrape():
+        while not done.is_set():
+            try:
+                url = f"http://127.0.0.1:{port}/metrics"
+                scrapes.append(urllib.request.urlopen(url, timeout=5).read().decode())
+            except OSError:
+                pass
+            time.sleep(0.02)
+
+    thread = threading.Thread(target=scrape)
+    thread.start()
+    try:
+        r = run_on_board("full", [record_binary, "--format", "prometheus", "-o",
+                                  folder / "kvt_zqp.prom", "-d", "250", "-n", "16"])
+        time.sleep(0.5)
+    finally:
+        done.set()
+        thread.join()
+        node.terminate()
+        node.wait()
+    assert (r.returncode, r.stderr, r.stdout) == (0, "", "")
+    assert os.listdir(folder) == ["kvt_zqp.prom"]  # no temporary file left
+    text = (folder / "kvt_zqp.prom").read_text()
+    check = subprocess.run([promtool, "check", "metrics"], input=text, capture_output=True,
+                           text=True)
+    assert (check.returncode, check.stdout, check.stderr) == (0, "", "")
+    got = prom_samples(text)
+    rows = [(dict(labels)["engine"] + dict(labels)["core"], v)
+            for (name, labels), v in got.items() if name == "kvt_zqp_loading_percent"]
+    assert [label for label, _ in rows] == t["rows"]
+    assert check_loading(t["loading"], t, rows) == []
+    for direction in ("read", "write"):
+        assert got[("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))] == \
+            t["ddr"][direction] * MIB
+    for name, h in t["heaps"].items():
+        for metric, value in (("size", h["total"]), ("used", h["used"]),
+                              ("free", h["total"] - h["used"])):
+            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
+    pids = r.pids()
+    for name, p in t["processes"].items():
+        key = (("name", name), ("pid", str(pids[name])))
+        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
+    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
+    # node_exporter read a whole file at every scrape once the first was there.
+    seen = scrapes[next(i for i, s in enumerate(scrapes) if "kvt_zqp_" in s):]
+    assert len(seen) >= 10
+    for s in seen:
+        assert "node_textfile_scrape_error 0" in s
+        assert s.count("\nkvt_zqp_loading_percent{") == len(t["rows"])
+    assert prom_samples(seen[-1])[("kvt_zqp_heap_used_bytes", (("heap", "custom"),))] == \
+        t["heaps"]["custom"]["used"]
+
+
+def test_plot_of_a_recorded_run(run_on_board, record_binary, tmp_path):
+    if subprocess.run(["/usr/bin/python3", "-c", "import matplotlib"]).returncode != 0:
+        pytest.skip("kvt_zqp_plot needs python3-matplotlib")
+    out = tmp_path / "run.csv"
+    r = run_on_board("full", [record_binary, "-d", "200", "-n", "10", "-o", out])
+    assert r.returncode == 0, r.stderr
+    plot = subprocess.run(["/usr/bin/python3", REPO / "tools" / "kvt_zqp_plot", out, "-o",
+                           tmp_path / "run.png"], capture_output=True, text=True, timeout=120)
+    assert plot.returncode == 0, plot.stderr
+    png = (tmp_path / "run.png").read_bytes()
+    assert png[:8] == b"\x89PNG\r\n\x1a\n" and len(png) > 20000
+
+
+# id, command: arguments on the host (those end in the parser) or a shell text
+# on the board ("$1" the recorder, "$2" the output file); the exit status, what
+# stderr holds, and how many complete records the output keeps (None: no file).
+ENDINGS = [
+    ("help", ["-h"], 0, "", None),
+    ("bad-value", ["-d", "99"], 1, "delay valid range is [100, 10000], but get 99\n", None),
+    ("unknown-option", ["-x"], 1,
+     "kvt_zqp_record: invalid option -- 'x'\nTry 'kvt_zqp_record --help' for more information.\n",
+     None),
+    ("bad-format", ["--format", "xml"], 1,
+     "kvt_zqp_record: format 'xml' is not one of csv, jsonl, prometheus\n", None),
+    ("count-and-time", ["-n", "2", "-t", "2"], 1, "Not support setting both number and time\n",
+     None),
+    ("stray-argument", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: unexpected argument 'out.csv'\n",
+     None),
+    ("unwritable-path", '"$1" -n 2 -o /nonexistent/out.csv', 1,
+     "kvt_zqp_record: cannot write /nonexistent/out.csv: No such file or directory\n", None),
+    ("full-device", '"$1" -n 2 --format jsonl -o /dev/full', 1,
+     "kvt_zqp_record: cannot write /dev/full: No space left on device\n", None),
+    # 1536 bytes end inside the sixth row (rows are about 210 bytes after a
+    # 394-byte header), so the write of a record fails part-way.
+    ("file-size-limit", 'exec prlimit --fsize=1536 "$1" -d 100 -o "$2"', 1, ": File too large\n", 4),
+    ("sigterm", '"$1" -d 200 -o "$2" & sleep 3; kill -TERM $!; wait $!', 0, "", 3),
+    ("sigint", '"$1" -d 200 -o "$2" & sleep 3; kill -INT $!; wait $!', 0, "", 3),
+]
+
+
+@pytest.mark.parametrize("command,status,err,kept", [e[1:] for e in ENDINGS],
+                         ids=[e[0] for e in ENDINGS])
+def test_how_a_run_ends(request, record_binary, tmp_path, command, status, err, kept):
+    out = tmp_path / "out.csv"
+    if isinstance(command, list):
+        r = subprocess.run(["kvt_zqp_record"] + command, executable=record_binary,
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
+        assert r.stdout.startswith("Usage: kvt_zqp_record [OPTION...]\n") == (command == ["-h"])
+    else:
+        r = request.getfixturevalue("run_on_board")(
+            "full", ["sh", "-c", command, "sh", record_binary, out])
+    assert r.returncode == status
+    assert r.stderr.endswith(err) and r.stderr.count("\n") == err.count("\n"), r.stderr
+    if kept is None:
+        assert not out.exists()
+    else:
+        assert len(csv_records(out)) >= kept
