@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -123,11 +124,14 @@ void AppendEnableItems(const char* text, std::vector<std::string>& list) {
   }
 }
 
-// Runs the -t conversion: frames = duration * 1000 / delay in 32-bit
-// arithmetic (the product wraps for very long durations; kept as is).
-bool ConvertDuration(MonitorOption& option) {
-  const std::uint32_t total_ms = option.duration_s * 1000u;
-  option.iterations = total_ms / option.delay_ms;
+// Runs the -t conversion: frames = duration * 1000 / delay. The monitor
+// computes it in 32-bit arithmetic (the product wraps for durations beyond
+// 49.7 days; kept as is); exact computes it in 64 bits, short of kForever.
+bool ConvertDuration(MonitorOption& option, bool exact) {
+  const std::uint64_t total_ms =
+      exact ? std::uint64_t{option.duration_s} * 1000u : std::uint64_t{option.duration_s * 1000u};
+  option.iterations =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(total_ms / option.delay_ms, kForever - 1));
   if (option.delay_ms > total_ms) {
     LogError("duration time %u sec must not less than delay time %u ms\n", option.duration_s,
              option.delay_ms);
@@ -179,15 +183,15 @@ bool ApplySharedOption(int code, const char* text, MonitorOption& option) {
   }
 }
 
-bool FinishSharedOptions(MonitorOption& option) {
+bool FinishSharedOptions(MonitorOption& option, bool exact_duration) {
   const bool count_set = option.iterations != 0;
   const bool time_set = option.duration_s != 0;
   if (count_set && time_set) {
     LogError("Not support setting both number and time\n");
-    ConvertDuration(option);
+    ConvertDuration(option, exact_duration);
     return false;
   }
-  if (time_set) return ConvertDuration(option);
+  if (time_set) return ConvertDuration(option, exact_duration);
   if (!count_set) option.iterations = kForever;
   return true;
 }
@@ -224,7 +228,7 @@ MonitorOption ParseOptions(int argc, char** argv) {
         PrintUsageAndExit();
     }
   }
-  if (option.valid) option.valid = FinishSharedOptions(option);
+  if (option.valid) option.valid = FinishSharedOptions(option, false);
   return option;
 }
 

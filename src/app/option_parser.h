@@ -26,8 +26,10 @@ bool ValidateEnableList(const std::vector<std::string>& enable_list);
 bool ApplySharedOption(int code, const char* text, MonitorOption& option);
 
 // Once every option is applied: refuses -n with -t and turns -t into a count,
-// or sets kForever when neither was given. False after the message(s).
-bool FinishSharedOptions(MonitorOption& option);
+// or sets kForever when neither was given. False after the message(s). The
+// monitor's count wraps for durations beyond 49.7 days (32-bit arithmetic);
+// exact_duration counts in 64 bits instead, up to kForever - 1.
+bool FinishSharedOptions(MonitorOption& option, bool exact_duration);
 
 // The settings summary of -v on stderr (log level 0 only), as main prints it.
 void LogSettings(const MonitorOption& option);

@@ -5,15 +5,18 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "app/option_parser.h"
 #include "base/fatal_signals.h"
 #include "base/log.h"
+#include "monitor/monitor_config.h"
 #include "record/record.h"
 
 namespace kestro::zqp::monitor {
@@ -70,6 +73,18 @@ bool ParseFormat(std::string_view text, record::Format& format) {
   return true;
 }
 
+// An engine named twice (any case) is recorded once: a second copy would
+// repeat a CSV column and a Prometheus series.
+void DropRepeatedEngines(std::vector<std::string>& enable_list) {
+  std::vector<std::string> seen;
+  std::erase_if(enable_list, [&seen](const std::string& item) {
+    const std::string name = ToUpper(item);
+    if (std::find(seen.begin(), seen.end(), name) != seen.end()) return true;
+    seen.push_back(name);
+    return false;
+  });
+}
+
 std::int64_t WallMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
              std::chrono::system_clock::now().time_since_epoch())
@@ -89,8 +104,9 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         std::fputs(kRecordUsage, stdout);
         std::exit(0);
       case 'o':
-        option.output = optarg;
-        if (option.output.empty()) {
+        // "-" is standard output, as for most tools.
+        option.output = std::string_view(optarg) == "-" ? "" : optarg;
+        if (*optarg == '\0') {
           LogError("%s: the output file name is empty\n", kProgram);
           option.valid = false;
         }
@@ -98,12 +114,18 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kFormatOption:
         option.valid = ParseFormat(optarg, option.format);
         break;
+      case 'e':
+        option.valid = ApplySharedOption(code, optarg, option.monitor);
+        // The monitor refuses an empty list without a word; say why here.
+        if (!option.valid && option.monitor.enable_list.empty()) {
+          LogError("%s: the engine list is empty\n", kProgram);
+        }
+        break;
       case 'v':
       case 'd':
       case 'f':
       case 'n':
       case 't':
-      case 'e':
         option.valid = ApplySharedOption(code, optarg, option.monitor);
         break;
       default:  // '?': getopt printed what is wrong
@@ -115,7 +137,8 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
     LogError("%s: unexpected argument '%s'\n", kProgram, argv[optind]);
     option.valid = false;
   }
-  if (option.valid) option.valid = FinishSharedOptions(option.monitor);
+  if (option.valid) option.valid = FinishSharedOptions(option.monitor, true);
+  DropRepeatedEngines(option.monitor.enable_list);
   return option;
 }
 
@@ -209,7 +232,7 @@ void RecordApp::OnTimer(int fd) {
   // Expiries missed while busy are read as one count and give one record.
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
-    LogBatchError(true, "Read timer expire time failed\n");
+    LogError("Read timer expire time failed\n");
   }
   const record::Record record =
       record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), ElapsedMs());

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -15,9 +16,8 @@ namespace {
 // that node_exporter's textfile collector never reads it.
 std::string TemporaryPattern(const std::string& path) {
   const std::size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  return folder + (slash == std::string::npos ? "/." : ".") + base + ".XXXXXX";
+  if (slash == std::string::npos) return "./." + path + ".XXXXXX";
+  return path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".XXXXXX";
 }
 
 }  // namespace
@@ -52,9 +52,15 @@ bool OutputFile::Open(const std::string& path_in, bool replace_in, std::string& 
   umask(mask);
   mode = 0666 & ~mask;
   if (path.empty()) {
+    // A closed standard output would hand fd 1 to the next file opened.
+    if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
+      error = Failure(errno);
+      return false;
+    }
     fd = STDOUT_FILENO;
     return true;
   }
+  if (replace && !CheckReplaceable(error)) return false;
   if (replace) {
     std::string trial = TemporaryPattern(path);
     std::vector<char> name(trial.begin(), trial.end());
@@ -74,6 +80,32 @@ bool OutputFile::Open(const std::string& path_in, bool replace_in, std::string& 
     return false;
   }
   owned = true;
+  return true;
+}
+
+bool OutputFile::CheckReplaceable(std::string& error) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return true;
+    error = Failure(errno);
+    return false;
+  }
+  if (S_ISDIR(info.st_mode)) {
+    error = Failure(EISDIR);
+    return false;
+  }
+  // Renaming over a FIFO or a device (/dev/stdout, /dev/null) would put a
+  // plain file in its place: such outputs take one record after the other.
+  if (!S_ISREG(info.st_mode)) {
+    replace = false;
+    return true;
+  }
+  // Through a link the target is replaced, in its own folder, and the link
+  // stays.
+  if (char* real = realpath(path.c_str(), nullptr)) {
+    path = real;
+    std::free(real);
+  }
   return true;
 }
 

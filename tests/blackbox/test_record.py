@@ -209,6 +209,21 @@ ENDINGS = [
      None),
     ("stray-argument", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: unexpected argument 'out.csv'\n",
      None),
+    ("empty-engine-list", ["-e", ""], 1, "kvt_zqp_record: the engine list is empty\n", None),
+    # An engine named twice is one column; -t counts in 64 bits (5e6 s at
+    # 1000 ms wraps to 705032 records in 32 bits).
+    ("repeated-engine", '"$1" -n 1 -d 100 -e gdc,GDC | head -n 1 | grep -q "^time,elapsed_s,GDC0,GDC1,ddr_"',
+     0, "", None),
+    ("long-time", 'timeout 2 "$1" -v -t 5000000 -o /dev/null 2>&1 | grep -qx "iterator nums: 5000000"',
+     0, "", None),
+    ("closed-stdout", '"$1" -n 2 >&-', 1,
+     "kvt_zqp_record: cannot write standard output: Bad file descriptor\n", None),
+    # Replacing is for regular files: a folder is refused at start, and a
+    # link to a pipe or a device is written to, not replaced by a file.
+    ("prometheus-to-a-folder", '"$1" -n 1 --format prometheus -o /tmp', 1,
+     "kvt_zqp_record: cannot write /tmp: Is a directory\n", None),
+    ("prometheus-to-stdout", '"$1" -n 1 -d 100 --format prometheus -o /dev/stdout | '
+     'grep -q "^kvt_zqp_elapsed_seconds " && test -L /dev/stdout', 0, "", None),
     ("unwritable-path", '"$1" -n 2 -o /nonexistent/out.csv', 1,
      "kvt_zqp_record: cannot write /nonexistent/out.csv: No such file or directory\n", None),
     ("full-device", '"$1" -n 2 --format jsonl -o /dev/full', 1,
