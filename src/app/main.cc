@@ -1,7 +1,9 @@
 #include "app/monitor_app.h"
 #include "app/option_parser.h"
+#include "base/process_setup.h"
 
 int main(int argc, char** argv) {
+  kestro::zqp::PrepareProcess();
   const kestro::zqp::MonitorOption option = kestro::zqp::ParseOptions(argc, argv);
   if (!option.valid) return 1;
   kestro::zqp::LogSettings(option);

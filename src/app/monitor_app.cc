@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -49,6 +50,7 @@ void ClearFatalSignalCallback() {
 
 bool MonitorSet::Create(const MonitorOption& option,
                         const std::shared_ptr<WatchTaskRunner>& runner) {
+  ddr_silence_ms = std::max<std::int64_t>(3000, 3 * static_cast<std::int64_t>(option.delay_ms));
   MonitorConfig ddr_config;
   if (!BuildDdrConfig(option, ddr_config)) return false;
   ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
@@ -72,10 +74,15 @@ void MonitorSet::Stop() {
   stopped.store(true);
 }
 
+void MonitorSet::EndToolNow() {
+  if (ddr_monitor) ddr_monitor->EndToolNow();
+}
+
 DdrFigures MonitorSet::Ddr() const {
   DdrFigures ddr;
   if (ddr_monitor) {
     ddr.ready = ddr_monitor->IsReady();
+    ddr.live = ddr_monitor->IsAnswering(ddr_silence_ms);
     ddr.read = static_cast<std::uint32_t>(ddr_monitor->ReadBandwidth());
     ddr.write = static_cast<std::uint32_t>(ddr_monitor->WriteBandwidth());
   }
@@ -106,6 +113,7 @@ bool MonitorApp::Init() {
   InstallFatalSignalHandler([this](int) {
     StopMonitors();
     terminal.RestoreTerminal();
+    monitor_set.EndToolNow();
   });
 
   if (!CreateMonitors()) return false;

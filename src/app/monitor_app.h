@@ -44,6 +44,10 @@ class MonitorSet {
   // Asks every monitor to stop (does not join). Idempotent; safe from the
   // signal handler.
   void Stop();
+  // For a fatal signal's handler, after Stop: ends the DDR tool's process
+  // group even when it ignores the hang-up, since the process is about to
+  // die without joining the worker that would have.
+  void EndToolNow();
   bool Stopped() const { return stopped.load(); }
 
   // The engine monitors in creation order.
@@ -56,6 +60,10 @@ class MonitorSet {
   // (each joining its workers).
   std::vector<std::shared_ptr<MonitorBase>> monitors;
   std::unique_ptr<DDRMonitor> ddr_monitor;
+  // The DDR figures count as live while the tool printed one within this
+  // many milliseconds: three of the tool's one-second tables, or three
+  // intervals when those are longer.
+  std::int64_t ddr_silence_ms = 3000;
   // Atomic: a fatal signal may run Stop on any thread.
   std::atomic<bool> stopped{false};
 };

@@ -96,6 +96,9 @@ std::int64_t WallMs() {
 RecordOption ParseRecordOptions(int argc, char** argv) {
   RecordOption option;
   option.monitor.batch = true;
+  // The recorder runs beside the monitor: it reads the board and writes
+  // nothing there but its own output.
+  option.monitor.read_only = true;
   int code;
   while (option.valid &&
          (code = getopt_long(argc, argv, "hvo:d:f:n:t:e:", kRecordOptions, nullptr)) != -1) {
@@ -162,7 +165,8 @@ bool RecordApp::Init() {
   LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
 
   std::string error;
-  if (!output.Open(option.output, option.format == record::Format::kPrometheus, error)) {
+  if (!output.Open(option.output, option.format == record::Format::kPrometheus,
+                   option.stdout_closed, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
     return false;
   }
@@ -179,7 +183,10 @@ bool RecordApp::Init() {
       sigaddset(&ignored, sig);
     }
   }
-  InstallFatalSignalHandler([this](int) { monitor_set.Stop(); });
+  InstallFatalSignalHandler([this](int) {
+    monitor_set.Stop();
+    monitor_set.EndToolNow();
+  });
   for (int sig = 1; sig < 32; ++sig) {
     if (sigismember(&ignored, sig) == 1) signal(sig, SIG_IGN);
   }

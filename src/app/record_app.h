@@ -25,6 +25,9 @@ struct RecordOption {
   std::string output;  // -o; empty for standard output
   record::Format format = record::Format::kCsv;
   bool valid = true;
+  // Standard output was closed at start (and is now /dev/null): refused as
+  // the output.
+  bool stdout_closed = false;
 };
 
 // Parses argv. -h prints the usage on stdout and ends the process with status

@@ -1,9 +1,22 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "app/record_app.h"
+#include "base/log.h"
+#include "base/process_setup.h"
 
 int main(int argc, char** argv) {
-  const kestro::zqp::monitor::RecordOption option =
-      kestro::zqp::monitor::ParseRecordOptions(argc, argv);
+  const int filled = kestro::zqp::FillClosedStandardDescriptors();
+  if (filled < 0) {
+    kestro::zqp::LogError("kvt_zqp_record: cannot open /dev/null: %s\n", std::strerror(errno));
+    return 1;
+  }
+  kestro::zqp::PrepareProcess();
+  kestro::zqp::monitor::RecordOption option = kestro::zqp::monitor::ParseRecordOptions(argc, argv);
   if (!option.valid) return 1;
+  option.stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
   kestro::zqp::monitor::RecordApp session(option);
   if (!session.Init()) return 1;
   return session.Run();

@@ -19,6 +19,10 @@ struct MonitorOption {
   bool batch = false;
   bool valid = true;
   std::vector<std::string> enable_list;
+  // Set by the companion programs, never by the monitor's command line: the
+  // program writes nothing on the board (no sampling period, no DSP fifo,
+  // node or lock), and a figure it cannot vouch for reads as NaN.
+  bool read_only = false;
 };
 
 }  // namespace kestro::zqp

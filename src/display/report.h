@@ -16,6 +16,9 @@ namespace kestro::zqp::monitor {
 // What the DDR box shows; no box while not ready.
 struct DdrFigures {
   bool ready = false;
+  // The tool runs and has answered lately, so the figures are current rather
+  // than the last ones it printed. The report draws them either way.
+  bool live = false;
   std::uint32_t read = 0;
   std::uint32_t write = 0;
 };

@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <cerrno>
+#include <limits>
 
 #include <sstream>
 
@@ -23,6 +24,7 @@ MonitorBase::MonitorBase(const MonitorConfig& config,
       task_per_file(config.task_per_file),
       write_sample_time(config.write_sample_time),
       batch(config.batch),
+      read_only(config.read_only),
       files(config.files) {}
 
 MonitorBase::~MonitorBase() {
@@ -72,7 +74,11 @@ void MonitorBase::JoinThreads() {
 
 void MonitorBase::SetLoadingNum(std::uint32_t n) {
   loading_num = n;
-  loading.assign(n, 0.0f);
+  loading.assign(n, NoFigure());
+}
+
+float MonitorBase::NoFigure() const {
+  return read_only ? std::numeric_limits<float>::quiet_NaN() : 0.0f;
 }
 
 void MonitorBase::SetLoading(std::uint32_t core, float value) {

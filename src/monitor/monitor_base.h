@@ -37,7 +37,8 @@ class MonitorBase {
 
   // Joins every joinable worker in order and empties the thread list.
   void JoinThreads();
-  // Replaces the loading slots by n zeros. Only while no worker runs.
+  // Replaces the loading slots by n zeros (n NaNs, "no figure yet", for a
+  // read-only configuration). Only while no worker runs.
   void SetLoadingNum(std::uint32_t n);
   // Atomically publishes value in slot core; out of range prints
   // "core id %u over the loading num %lu" and drops the value.
@@ -61,6 +62,9 @@ class MonitorBase {
   // Sleeps ms milliseconds, resuming after a signal for the time left; any
   // other failure ends the sleep early and the caller's loop goes on.
   static void SleepMs(std::uint32_t ms);
+  // What a slot holds when there is no figure to vouch for: 0 for the
+  // monitor, whose report always shows a number; NaN for a read-only program.
+  float NoFigure() const;
 
   std::shared_ptr<WatchTaskRunner> runner;
   std::vector<std::function<void()>> tasks;
@@ -74,6 +78,8 @@ class MonitorBase {
   bool task_per_file;
   bool write_sample_time;
   bool batch;
+  // MonitorConfig::read_only.
+  bool read_only;
   std::vector<std::string> files;
   std::uint32_t loading_num = 0;
   // Atomic because the DDR worker clears it while the report reads it.

@@ -19,8 +19,11 @@ MonitorConfig WithOptions(std::string name, std::vector<std::string> files, bool
   config.frequency = option.frequency;
   config.delay = option.delay_ms;
   config.task_per_file = vps_flow;
-  config.write_sample_time = vps_flow;
+  // The driver's sampling period is one setting shared by every reader; only
+  // the monitor sets it.
+  config.write_sample_time = vps_flow && !option.read_only;
   config.batch = option.batch;
+  config.read_only = option.read_only;
   config.files = std::move(files);
   return config;
 }

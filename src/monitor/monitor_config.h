@@ -24,6 +24,9 @@ struct MonitorConfig {
   // One entry per core, in core order: board paths (logical, see BoardPath)
   // or, for the DSP, shared-memory object names.
   std::vector<std::string> files;
+  // MonitorOption::read_only: write nothing on the board; loading slots start
+  // as NaN (no figure yet) and a failed read publishes NaN, not 0.
+  bool read_only = false;
 };
 
 using GenConfigFunc = std::function<MonitorConfig(const MonitorOption&)>;

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -20,6 +21,7 @@
 #include "base/board_path.h"
 #include "base/fatal_signals.h"
 #include "base/log.h"
+#include "base/process_setup.h"
 #include "monitors/text_fields.h"
 
 namespace kestro::zqp {
@@ -32,6 +34,12 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
 // pieces of 510.
 constexpr std::size_t kMaxLineChars = 510;
 constexpr int kReapPollMs = 5;
+
+std::int64_t SteadyMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 // Reads at most max_chars characters of the first line, without its '\n'.
 std::string ReadFirstLine(std::FILE* file, std::size_t max_chars) {
@@ -144,6 +152,7 @@ DdrLineResult DDRMonitor::ParseLine(const char* line) {
     return DdrLineResult::kInvalid;
   }
   std::atomic_ref<std::uint64_t>((*target)[0]).store(value, std::memory_order_relaxed);
+  last_figure_ms.store(SteadyMs(), std::memory_order_relaxed);
   return stored;
 }
 
@@ -155,6 +164,25 @@ std::uint64_t DDRMonitor::ReadBandwidth() const {
 std::uint64_t DDRMonitor::WriteBandwidth() const {
   return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(write_bw[0]))
       .load(std::memory_order_relaxed);
+}
+
+bool DDRMonitor::IsAnswering(std::int64_t within_ms) const {
+  if (!tool_running.load(std::memory_order_relaxed)) return false;
+  const std::int64_t last = last_figure_ms.load(std::memory_order_relaxed);
+  return last >= 0 && SteadyMs() - last <= within_ms;
+}
+
+void DDRMonitor::EndToolNow() {
+  // The worker kills the group at the end of its grace; wait for that a
+  // little longer than the grace itself before doing it here.
+  constexpr int kWaitMs = kToolGraceMs + 200;
+  for (int waited = 0; waited < kWaitMs; waited += kReapPollMs) {
+    if (tool_group.load() == 0) return;
+    timespec pause{0, kReapPollMs * 1000000L};
+    nanosleep(&pause, nullptr);
+  }
+  const pid_t group = tool_group.load();
+  if (group > 0 && kill(-group, SIGKILL) != 0) kill(group, SIGKILL);
 }
 
 void DDRMonitor::Run() {
@@ -181,6 +209,7 @@ void DDRMonitor::Run() {
   }
   if (pid == 0) {
     ResetSignalsForChild();
+    RestoreLimitsForChild();
     close(master);
     if (login_tty(slave) != 0) _exit(1);
     // The slave is now the standard streams, so the message below reaches the
@@ -203,10 +232,15 @@ void DDRMonitor::Run() {
     child_pid = pid;
     wake_fd = wake;
   }
+  tool_group.store(pid);
   // A Stop that ran before the descriptors were stored found nothing to wake;
   // the flag it set first is seen by the loop, and the ClosePty below hangs
   // the tool up.
-  if (read_fd > 0 && wake >= 0) ReadLines(read_fd, wake);
+  if (read_fd > 0 && wake >= 0) {
+    tool_running.store(true, std::memory_order_relaxed);
+    ReadLines(read_fd, wake);
+    tool_running.store(false, std::memory_order_relaxed);
+  }
 
   ClosePty();
   {
@@ -277,6 +311,8 @@ pid_t DDRMonitor::ReapTool(pid_t pid, int& status) {
   // terminal, goes now. The group's leader is the tool's shell; until the
   // child has made its group, only the child itself can be reached.
   if (kill(-pid, SIGKILL) != 0) kill(pid, SIGKILL);
+  // Still unreaped, so the number cannot have been reused by now.
+  tool_group.store(0);
   pid_t waited = -1;
   do {
     waited = waitpid(pid, &status, 0);

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -80,6 +81,16 @@ class DDRMonitor : public MonitorBase {
   // Latest figures in MiB/s; 0 until the tool printed one.
   std::uint64_t ReadBandwidth() const;
   std::uint64_t WriteBandwidth() const;
+  // True while the tool runs and has stored a figure within the last
+  // within_ms milliseconds: the figures above are current, not the last
+  // ones of a tool that ended or went quiet. Any thread.
+  bool IsAnswering(std::int64_t within_ms) const;
+
+  // For a fatal signal's handler, after Stop: gives the hung-up tool the
+  // worker's grace to be reaped, then kills whatever is left of its process
+  // group, so that a tool ignoring the hang-up does not outlive the program,
+  // which is about to die without joining the worker. Async-signal-safe.
+  void EndToolNow();
   const std::string& Command() const { return command; }
 
   // ChooseFirstYpuPort computed by the first caller in the process (with that
@@ -110,6 +121,13 @@ class DDRMonitor : public MonitorBase {
   int wake_fd = -1;
   std::mutex pty_mutex;
   std::string command;
+  // The tool's process group from fork until the worker has killed it;
+  // 0 otherwise. Read by EndToolNow without the mutex.
+  std::atomic<pid_t> tool_group{0};
+  // Set while the worker reads a running tool.
+  std::atomic<bool> tool_running{false};
+  // Steady-clock milliseconds of the last stored figure, -1 before the first.
+  std::atomic<std::int64_t> last_figure_ms{-1};
 };
 
 }  // namespace kestro::zqp

@@ -13,13 +13,17 @@ constexpr long kPidfdOpenSyscall = 434;
 
 }  // namespace
 
+int OpenProcessDescriptor(std::int32_t pid) {
+  return static_cast<int>(syscall(kPidfdOpenSyscall, pid, 0));
+}
+
 DspProcessTable::~DspProcessTable() {
   Clear();
 }
 
 bool DspProcessTable::AddOrRefresh(std::int32_t pid) {
   if (pid < 0) return false;
-  const int pidfd = static_cast<int>(syscall(kPidfdOpenSyscall, pid, 0));
+  const int pidfd = OpenProcessDescriptor(pid);
   if (pidfd < 0) return false;
   std::lock_guard<std::mutex> guard(mutex_);
   // Kept as intended: a refreshed pid's previous descriptor stays open and

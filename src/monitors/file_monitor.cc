@@ -76,10 +76,10 @@ FileMonitor::~FileMonitor() {
 }
 
 float FileMonitor::ReadLoading(int fd, char* buffer, std::size_t size) {
-  if (size < 2) return 0.0f;
-  if (read(fd, buffer, size - 1) < 1) return 0.0f;
+  if (size < 2) return NoFigure();
+  if (read(fd, buffer, size - 1) < 1) return NoFigure();
   float value = 0.0f;
-  if (reader(value, buffer) != 1) return 0.0f;
+  if (reader(value, buffer) != 1) return NoFigure();
   return value;
 }
 

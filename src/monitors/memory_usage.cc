@@ -159,6 +159,7 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
 int CollectMemoryUsage(MemoryUsage& usage) {
   std::FILE* file =
       std::fopen(BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
+  usage.heap_current.fill(false);
   if (file == nullptr) return 0;
   HeapLineBuffer line{};
   while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
@@ -167,6 +168,7 @@ int CollectMemoryUsage(MemoryUsage& usage) {
     if (std::sscanf(line.data(), "the heap id is %d\n", &id) != 1) continue;
     const auto heap = std::find(kHeapIds.begin(), kHeapIds.end(), id);
     if (heap == kHeapIds.end()) continue;
+    usage.heap_current[static_cast<std::size_t>(heap - kHeapIds.begin())] = true;
     ParseHeapSection(static_cast<std::size_t>(heap - kHeapIds.begin()), line, file, usage);
   }
   std::fclose(file);

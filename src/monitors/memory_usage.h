@@ -36,13 +36,17 @@ struct ProcessMemory {
 struct MemoryUsage {
   std::array<std::uint64_t, kHeapCount> heap_total{};  // bytes, as the driver reports
   std::array<std::uint64_t, kHeapCount> heap_used{};   // bytes, <= heap_total once parsed
+  // Which heaps the last collection found in the heap file (all false when
+  // the file did not open): the others hold figures of an earlier read.
+  std::array<bool, kHeapCount> heap_current{};
   std::unordered_map<std::int32_t, ProcessMemory> processes;
 };
 
 // Parses "/sys/kernel/debug/ion/heaps/all_heap_info", then fills rss_kb of
 // every pid in processes from "/proc/<pid>/status", erasing pids whose status
 // file cannot be opened or has no readable "VmRSS:" line. Always returns 0;
-// when the heap file does not open nothing changes at all. Prints nothing.
+// when the heap file does not open nothing changes but heap_current, which
+// is then all false. Prints nothing.
 int CollectMemoryUsage(MemoryUsage& usage);
 
 // Reads from file the lines of heap heap_index (0..kHeapCount-1) that follow

@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "monitors/dsp_monitor.h"
+#include "monitors/dsp_node_reader.h"
 #include "monitors/file_monitor.h"
 #include "monitors/value_readers.h"
 #include "monitors/ypu_monitor.h"
@@ -25,10 +26,18 @@ MonitorFactory FileCreator(long (*reader)(float&, const char*)) {
   };
 }
 
+// The monitor owns the DSP event fifo and cleans up the nodes; a read-only
+// program only reads them.
+std::shared_ptr<MonitorBase> CreateDsp(const MonitorConfig& config,
+                                       const std::shared_ptr<WatchTaskRunner>& runner) {
+  if (config.read_only) return Create<DspNodeReader>(config, runner);
+  return Create<DSPMonitor>(config, runner);
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, MonitorFactory> MonitorCreator = {
-    {"YPU", Create<YPUMonitor>},           {"DSP", Create<DSPMonitor>},
+    {"YPU", Create<YPUMonitor>},           {"DSP", CreateDsp},
     {"GDC", FileCreator(ReadSecondToken)}, {"STITCH", FileCreator(ReadSecondToken)},
     {"PYM", FileCreator(ReadSecondToken)}, {"ISP", FileCreator(ReadSecondToken)},
     {"JPU", FileCreator(ReadPlainNumber)}, {"VPU", FileCreator(ReadPlainNumber)},

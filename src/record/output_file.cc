@@ -1,23 +1,38 @@
 #include "record/output_file.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace kestro::zqp::record {
 namespace {
 
-// The temporary file of a replacement: hidden, and not ending in ".prom", so
-// that node_exporter's textfile collector never reads it.
-std::string TemporaryPattern(const std::string& path) {
+// As many links as the kernel follows in one path.
+constexpr int kMaxLinks = 40;
+constexpr long kProcSuperMagic = 0x9fa0;
+
+std::string FolderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return "./." + path + ".XXXXXX";
-  return path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".XXXXXX";
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string BaseOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool OnProcfs(int dir_fd) {
+  struct statfs info {};
+  return fstatfs(dir_fd, &info) == 0 && info.f_type == kProcSuperMagic;
 }
 
 }  // namespace
@@ -36,45 +51,44 @@ bool WriteAll(int fd, std::string_view text) {
 
 OutputFile::~OutputFile() {
   if (owned && fd >= 0) close(fd);
+  if (dir_fd >= 0) close(dir_fd);
 }
 
 std::string OutputFile::Failure(int error_number) const {
   return "cannot write " + shown + ": " + std::strerror(error_number);
 }
 
-bool OutputFile::Open(const std::string& path_in, bool replace_in, std::string& error) {
-  path = path_in;
+bool OutputFile::Open(const std::string& path, bool replace_in, bool stdout_closed,
+                      std::string& error) {
   shown = path.empty() ? "standard output" : path;
   replace = replace_in && !path.empty();
-  // Created files get the modes the user's umask allows, as the shell's ">"
-  // would give; read once, before any thread starts.
-  const mode_t mask = umask(0);
-  umask(mask);
-  mode = 0666 & ~mask;
   if (path.empty()) {
-    // A closed standard output would hand fd 1 to the next file opened.
-    if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
-      error = Failure(errno);
+    if (stdout_closed || fcntl(STDOUT_FILENO, F_GETFD) < 0) {
+      error = Failure(EBADF);
       return false;
     }
     fd = STDOUT_FILENO;
     return true;
   }
+  if (!Resolve(path, error)) return false;
   if (replace && !CheckReplaceable(error)) return false;
   if (replace) {
-    std::string trial = TemporaryPattern(path);
-    std::vector<char> name(trial.begin(), trial.end());
-    name.push_back('\0');
-    const int trial_fd = mkostemp(name.data(), O_CLOEXEC);
+    // A trial file now, so that a folder that takes no files fails at start.
+    std::string trial;
+    const int trial_fd = CreateTemporary(trial);
     if (trial_fd < 0) {
       error = Failure(errno);
       return false;
     }
     close(trial_fd);
-    unlink(name.data());
+    unlinkat(dir_fd, trial.c_str(), 0);
     return true;
   }
-  fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // O_NOFOLLOW: a link planted after Resolve looked is refused, not followed.
+  fd = openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
+  if (fd < 0 && errno == ELOOP && OnProcfs(dir_fd)) {
+    fd = openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  }
   if (fd < 0) {
     error = Failure(errno);
     return false;
@@ -83,9 +97,73 @@ bool OutputFile::Open(const std::string& path_in, bool replace_in, std::string& 
   return true;
 }
 
+bool OutputFile::Resolve(std::string path, std::string& error) {
+  if (path.back() == '/') {
+    error = Failure(EISDIR);
+    return false;
+  }
+  for (int links = 0;; ++links) {
+    if (dir_fd >= 0) close(dir_fd);
+    // The folder part is the kernel's to resolve, with its own rules; only
+    // the final component is the program's to check.
+    dir_fd = open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd < 0) {
+      error = Failure(errno);
+      return false;
+    }
+    name = BaseOf(path);
+    struct stat link {};
+    if (fstatat(dir_fd, name.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) return true;
+      error = Failure(errno);
+      return false;
+    }
+    if (!S_ISLNK(link.st_mode)) return true;
+    struct stat folder {};
+    if (fstat(dir_fd, &folder) != 0) {
+      error = Failure(errno);
+      return false;
+    }
+    if (link.st_uid != geteuid() && link.st_uid != folder.st_uid) {
+      error = "cannot write " + shown + ": " + FolderOf(path) + "/" + name +
+              " is a link owned by another user (uid " + std::to_string(link.st_uid) +
+              "), not followed";
+      return false;
+    }
+    if (links == kMaxLinks) {
+      error = Failure(ELOOP);
+      return false;
+    }
+    // The kernel's links under /proc (/dev/stdout's target) name open files
+    // rather than paths: the kernel follows them.
+    if (OnProcfs(dir_fd)) {
+      if (!replace) return true;
+      char* real = realpath((FolderOf(path) + "/" + name).c_str(), nullptr);
+      if (real == nullptr) return true;
+      const std::string target = real;
+      std::free(real);
+      if (target.empty() || target.front() != '/') return true;
+      path = target;
+      continue;
+    }
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(dir_fd, name.c_str(), target, sizeof target - 1);
+    if (length <= 0) {
+      error = Failure(length < 0 ? errno : ENOENT);
+      return false;
+    }
+    target[length] = '\0';
+    path = target[0] == '/' ? std::string(target) : FolderOf(path) + "/" + target;
+    if (path.back() == '/') {
+      error = Failure(EISDIR);
+      return false;
+    }
+  }
+}
+
 bool OutputFile::CheckReplaceable(std::string& error) {
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) {
+  if (fstatat(dir_fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return true;
     error = Failure(errno);
     return false;
@@ -94,19 +172,39 @@ bool OutputFile::CheckReplaceable(std::string& error) {
     error = Failure(EISDIR);
     return false;
   }
-  // Renaming over a FIFO or a device (/dev/stdout, /dev/null) would put a
-  // plain file in its place: such outputs take one record after the other.
+  // Renaming over a FIFO or a device would put a plain file in its place:
+  // such outputs take one record after the other. So does a kernel link
+  // under /proc that Resolve kept.
   if (!S_ISREG(info.st_mode)) {
     replace = false;
-    return true;
-  }
-  // Through a link the target is replaced, in its own folder, and the link
-  // stays.
-  if (char* real = realpath(path.c_str(), nullptr)) {
-    path = real;
-    std::free(real);
+    fd = openat(dir_fd, name.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+      error = Failure(errno);
+      return false;
+    }
+    owned = true;
   }
   return true;
+}
+
+int OutputFile::CreateTemporary(std::string& temporary) {
+  // Hidden, and not ending in ".prom", so that node_exporter's textfile
+  // collector never reads it.
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    unsigned char random[6] = {};
+    if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+      for (unsigned char& byte : random) byte = static_cast<unsigned char>(std::rand());
+    }
+    char suffix[16];
+    std::snprintf(suffix, sizeof suffix, ".%02x%02x%02x%02x%02x%02x", random[0], random[1],
+                  random[2], random[3], random[4], random[5]);
+    temporary = "." + name + suffix;
+    const int created = openat(dir_fd, temporary.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (created >= 0 || errno != EEXIST) return created;
+  }
+  errno = EEXIST;
+  return -1;
 }
 
 bool OutputFile::Write(std::string_view text, std::string& error) {
@@ -130,27 +228,32 @@ bool OutputFile::Append(std::string_view text, std::string& error) {
 }
 
 bool OutputFile::Replace(std::string_view text, std::string& error) {
-  std::string pattern = TemporaryPattern(path);
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  const int temporary = mkostemp(name.data(), O_CLOEXEC);
-  if (temporary < 0) {
+  // The replacement keeps the mode of what it replaces: readers such as
+  // node_exporter run as other users and were given access to this file.
+  mode_t wanted = mode;
+  struct stat current {};
+  if (fstatat(dir_fd, name.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISREG(current.st_mode)) {
+    wanted = current.st_mode & 07777;
+  }
+  std::string temporary;
+  const int file = CreateTemporary(temporary);
+  if (file < 0) {
     error = Failure(errno);
     return false;
   }
-  // mkostemp creates 0600; readers such as node_exporter run as other users.
-  bool done = fchmod(temporary, mode) == 0 && WriteAll(temporary, text);
+  bool done = fchmod(file, wanted) == 0 && WriteAll(file, text);
   int failure = errno;
-  if (close(temporary) != 0 && done) {
+  if (close(file) != 0 && done) {
     done = false;
     failure = errno;
   }
-  if (done && rename(name.data(), path.c_str()) != 0) {
+  if (done && renameat(dir_fd, temporary.c_str(), dir_fd, name.c_str()) != 0) {
     done = false;
     failure = errno;
   }
   if (!done) {
-    unlink(name.data());
+    unlinkat(dir_fd, temporary.c_str(), 0);
     error = Failure(failure);
   }
   return done;

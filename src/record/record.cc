@@ -18,13 +18,17 @@ Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
       record.loading.push_back({monitor->Name(), static_cast<std::uint32_t>(core), values[core]});
     }
   }
-  record.ddr_ready = ddr.ready;
+  // A tool that ended or went quiet leaves its last figures behind; a record
+  // must not present them as current.
+  record.ddr_ready = ddr.ready && ddr.live;
   record.ddr_read_bytes_per_s = ddr.read * kMiB;
   record.ddr_write_bytes_per_s = ddr.write * kMiB;
 
   CollectMemoryUsage(memory);
   for (std::size_t heap = 0; heap < kHeapCount; ++heap) {
-    if (memory.heap_total[heap] == 0) continue;
+    // A heap missing from this read (or an unreadable file) keeps the last
+    // figures for the report; here it is missing.
+    if (memory.heap_total[heap] == 0 || !memory.heap_current[heap]) continue;
     record.heaps.push_back({heap, memory.heap_total[heap], memory.heap_used[heap]});
   }
   for (const auto& [pid, process] : memory.processes) {

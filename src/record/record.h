@@ -17,7 +17,7 @@ namespace kestro::zqp::record {
 struct LoadingFigure {
   std::string engine;  // monitor name: "YPU", "DSP", ...
   std::uint32_t core = 0;
-  float percent = 0;
+  float percent = 0;  // NaN: no figure to vouch for (no window ended yet, a failed read)
 };
 
 struct HeapFigure {
@@ -37,10 +37,10 @@ struct Record {
   std::int64_t wall_ms = 0;            // UTC, milliseconds since the epoch
   std::int64_t elapsed_ms = 0;         // since the recording started
   std::vector<LoadingFigure> loading;  // report order
-  bool ddr_ready = false;              // false: the report shows no DDR box
+  bool ddr_ready = false;              // false: no DDR box, or the tool is not answering
   std::uint64_t ddr_read_bytes_per_s = 0;
   std::uint64_t ddr_write_bytes_per_s = 0;
-  std::vector<HeapFigure> heaps;         // the heaps the report lists, in its order
+  std::vector<HeapFigure> heaps;  // the heaps the report lists and this read found, in its order
   std::vector<ProcessFigure> processes;  // by pid
 };
 

@@ -247,9 +247,13 @@ std::string PrometheusText(const Record& record) {
          {{"", Seconds(record.elapsed_ms)}});
   Samples loading;
   for (const LoadingFigure& figure : record.loading) {
+    // A figure nobody can vouch for is an absent series, not a NaN sample
+    // that queries would carry along.
+    const std::string percent = Percent(figure.percent);
+    if (percent.empty()) continue;
     loading.emplace_back("engine=\"" + PrometheusLabelValue(figure.engine) + "\",core=\"" +
                              std::to_string(figure.core) + "\"",
-                         Otherwise(Percent(figure.percent), "NaN"));
+                         percent);
   }
   Family(out, "kvt_zqp_loading_percent",
          "Loading of an engine core over the last interval, in percent.", loading);

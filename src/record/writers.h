@@ -56,8 +56,8 @@ std::size_t Utf8SequenceLength(std::string_view bytes, std::size_t at);
 // "2024-05-01T12:00:00.123Z"
 std::string Rfc3339(std::int64_t wall_ms);
 // Loading in percent to the hundredth, shortest form: "29.6", "100", "0.25";
-// empty for NaN and infinities (an empty CSV cell, null in JSON, NaN in the
-// Prometheus text).
+// empty for NaN and infinities (an empty CSV cell, null in JSON, no sample in
+// the Prometheus text).
 std::string Percent(float value);
 
 }  // namespace kestro::zqp::record
