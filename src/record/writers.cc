@@ -155,10 +155,27 @@ std::string Rfc3339(std::int64_t wall_ms) {
 
 std::string Percent(float value) {
   if (!std::isfinite(value)) return "";
-  char text[32];
-  const double hundredths = std::round(static_cast<double>(value) * 100.0) / 100.0;
-  const auto result = std::to_chars(text, text + sizeof text, hundredths);
-  return std::string(text, result.ptr);
+  // Hundredths rounded half away from zero, in integers: std::round would
+  // pull in libm and to_chars(double) its shortest-form tables, resident
+  // pages the monitor does not have.
+  const double scaled = static_cast<double>(value) * 100.0;
+  char text[64];
+  if (!(scaled > -1e15 && scaled < 1e15)) {
+    std::snprintf(text, sizeof text, "%.0f", static_cast<double>(value));
+    return text;
+  }
+  const auto hundredths = static_cast<std::int64_t>(scaled + (scaled < 0 ? -0.5 : 0.5));
+  const std::uint64_t magnitude =
+      static_cast<std::uint64_t>(hundredths < 0 ? -hundredths : hundredths);
+  const unsigned fraction = static_cast<unsigned>(magnitude % 100);
+  int length = std::snprintf(text, sizeof text, "%s%llu", hundredths < 0 ? "-" : "",
+                             static_cast<unsigned long long>(magnitude / 100));
+  if (fraction % 10 != 0) {
+    length += std::snprintf(text + length, sizeof text - length, ".%02u", fraction);
+  } else if (fraction != 0) {
+    length += std::snprintf(text + length, sizeof text - length, ".%u", fraction / 10);
+  }
+  return std::string(text, static_cast<std::size_t>(length));
 }
 
 CsvLayout LayoutOf(const Record& record) {
