@@ -48,7 +48,13 @@ TEST(MemoryUsageTest, CollectsHeapsAndTheMemoryOfLiveHolders) {
     EXPECT_EQ(cam.rss_kb, 1000u);
     EXPECT_EQ(cam.ion_bytes, 17408u);  // 8192 + 4096 of heap 6's table, 4096 and 1024 summaries
     EXPECT_STREQ(cam.name, "cam");
+    EXPECT_EQ(usage.heap_current, (std::array<bool, kHeapCount>{true, true, true, false, false}));
   }
+  // Unreadable: the figures stay for the report, marked as not current.
+  std::remove((board.Path() + "/sys/kernel/debug/ion/heaps/all_heap_info").c_str());
+  CollectMemoryUsage(usage);
+  EXPECT_EQ(usage.heap_total[0], 1048576u);
+  EXPECT_EQ(usage.heap_current, (std::array<bool, kHeapCount>{}));
 }
 
 // Parses heap 0 of one allocation table: its header, then rows.

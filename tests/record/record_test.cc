@@ -14,6 +14,7 @@
 #include "record/output_file.h"
 #include "record/writers.h"
 #include "support/temp_tree.h"
+#include "support/test_util.h"
 
 namespace kestro::zqp::record {
 namespace {
@@ -129,6 +130,25 @@ TEST(WritersTest, EachFormatOfOneRecord) {
   EXPECT_NE(JsonLine(record).find("\"percent\":null}],\"ddr\":null,"), std::string::npos);
   EXPECT_EQ(PrometheusText(record).find("ddr"), std::string::npos);
   EXPECT_EQ(PrometheusText(record).find("core=\"1\""), std::string::npos);
+}
+
+// Figures the recorder cannot vouch for stay out of a record: the DDR figures
+// of a tool that is not answering, the heaps of a heap text that could not
+// be read (which the report keeps showing).
+TEST(RecordTest, LeavesOutWhatIsNotCurrent) {
+  test_support::BoardRoot board;
+  const std::string heaps = "/sys/kernel/debug/ion/heaps/all_heap_info";
+  board.WriteFile(heaps, "the heap id is 6\nheap total size 4096\n");
+  MemoryUsage memory;
+  for (const bool live : {true, false}) {
+    const Record record = TakeRecord({}, {true, live, 3, 4}, memory, 0, 0);
+    EXPECT_EQ(record.ddr_ready, live);
+    EXPECT_EQ(record.ddr_read_bytes_per_s, 3u << 20);
+    EXPECT_EQ(record.heaps.size(), 1u);
+  }
+  std::filesystem::remove(board.Path() + heaps);
+  EXPECT_TRUE(TakeRecord({}, {true, true, 3, 4}, memory, 0, 0).heaps.empty());
+  EXPECT_EQ(memory.heap_total[0], 4096u);
 }
 
 // A file-size limit makes a write fail part-way, as a full disk does: the
