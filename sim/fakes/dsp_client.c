@@ -18,6 +18,18 @@
 //   --lock-prefix S   lock file prefix (default /var/run/dsp_loading_flock_)
 //   --fifo PATH       event fifo (default /var/run/dsp_event)
 //   --report PATH     write "pid slot" there once the slot is taken
+//   --busy-log PATH   log, as it happens, what the client really did (below)
+//
+// The busy log is the ground truth of the loading a monitor should show: the
+// client runs on an ordinary, possibly loaded machine, where it wakes late and
+// so keeps its bit set longer or shorter than the duty asks. One line per
+// event, times in CLOCK_MONOTONIC nanoseconds, each written at once (a kill
+// loses nothing):
+//   start T PID SLOT MASK   slot taken and announced; MASK: the busy cores
+//   set T                   running bits set (read just after the change)
+//   clear T                 running bits cleared (likewise)
+//   exit T                  slot freed, about to return
+//   die T                   about to die by SIGKILL, bits and slot left set
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -54,6 +66,19 @@ static uint64_t now_ns(void) {
   return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
 }
 
+static int g_log = -1;
+
+static void log_event(const char* what, const char* rest) {
+  if (g_log < 0) return;
+  char line[128];
+  const uint64_t t = now_ns();
+  const int n = snprintf(line, sizeof line, "%s %llu%s\n", what, (unsigned long long)t, rest);
+  if (n > 0 && write(g_log, line, (size_t)n) != n) {
+    close(g_log);
+    g_log = -1;
+  }
+}
+
 static void sleep_until(uint64_t t) {
   struct timespec ts = {(time_t)(t / 1000000000ull), (long)(t % 1000000000ull)};
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, NULL) == EINTR && !g_stop) {
@@ -71,6 +96,7 @@ int main(int argc, char** argv) {
   const char* lock_prefix = "/var/run/dsp_loading_flock_";
   const char* fifo = "/var/run/dsp_event";
   const char* report = NULL;
+  const char* busy_log = NULL;
   for (int i = 1; i < argc; ++i) {
     const char* a = argv[i];
     const char* v = i + 1 < argc ? argv[i + 1] : NULL;
@@ -107,6 +133,8 @@ int main(int argc, char** argv) {
       fifo = v;
     } else if (strcmp(a, "--report") == 0) {
       report = v;
+    } else if (strcmp(a, "--busy-log") == 0) {
+      busy_log = v;
     } else {
       fprintf(stderr, "dsp_client: unknown option %s\n", a);
       return 2;
@@ -118,6 +146,13 @@ int main(int argc, char** argv) {
   }
   signal(SIGTERM, on_term);
   signal(SIGINT, on_term);
+  if (busy_log != NULL) {
+    g_log = open(busy_log, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (g_log < 0) {
+      fprintf(stderr, "dsp_client: open %s: %s\n", busy_log, strerror(errno));
+      return 1;
+    }
+  }
 
   struct loading_node* node[KZM_MAX_CORES];
   int lock_fd[KZM_MAX_CORES];
@@ -172,6 +207,9 @@ int main(int argc, char** argv) {
     if (write(ff, msg, sizeof msg) != (ssize_t)sizeof msg) perror("dsp_client: fifo write");
     close(ff);
   }
+  char started[64];
+  snprintf(started, sizeof started, " %d %d %u", (int)getpid(), slot, busy_cores);
+  log_event("start", started);
 
   const uint32_t bit = 1u << slot;
   const uint64_t period = period_ms * 1000000ull;
@@ -179,31 +217,46 @@ int main(int argc, char** argv) {
   const uint64_t start = now_ns();
   const uint64_t end = lifetime_ms >= 0 ? start + (uint64_t)lifetime_ms * 1000000ull : UINT64_MAX;
   uint64_t t = start;
+  int bits_set = 0;
   while (!g_stop && now_ns() < end) {
     if (busy > 0) {
       for (int c = 0; c < nodes; ++c) {
         if (busy_cores & (1u << c))
           __atomic_fetch_or(&node[c]->running_mask, bit, __ATOMIC_SEQ_CST);
       }
+      if (!bits_set) log_event("set", "");
+      bits_set = 1;
       sleep_until(t + busy);
     }
     // A crash happens in the middle of work: slot and running bits stay set.
-    if (die && now_ns() >= end) kill(getpid(), SIGKILL);
+    if (die && now_ns() >= end) {
+      log_event("die", "");
+      kill(getpid(), SIGKILL);
+    }
     if (busy < period) {
       for (int c = 0; c < nodes; ++c) {
         __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
       }
+      if (bits_set) log_event("clear", "");
+      bits_set = 0;
     }
     t += period;
     sleep_until(t);
   }
-  if (die) kill(getpid(), SIGKILL);
+  if (die) {
+    log_event("die", "");
+    kill(getpid(), SIGKILL);
+  }
   for (int c = 0; c < nodes; ++c) {
     __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
+  }
+  if (bits_set) log_event("clear", "");
+  for (int c = 0; c < nodes; ++c) {
     lockf(lock_fd[c], F_LOCK, 0);
     node[c]->free_mask |= bit;
     node[c]->pids[slot] = 0;
     lockf(lock_fd[c], F_ULOCK, 0);
   }
+  log_event("exit", "");
   return 0;
 }

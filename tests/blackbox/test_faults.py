@@ -1,24 +1,22 @@
 """A misbehaving board: a DDR tool that crashes, hangs, ignores the hang-up or
 prints garbage; loading files that block, vanish or hold garbage; an ION heap
-text that changes under the collector. Every run ends on time with status 0 and
-well-formed frames, and leaves no tool process behind on the board."""
+text that changes under the collector. Every run ends, without waiting for a
+tool or a blocked read for good, with status 0 and well-formed frames, and
+leaves no tool process behind on the board."""
 import json
 import subprocess
 import time
 
 import pytest
 
-from conftest import SCENARIOS, check_loading
+from conftest import (CRASH_TEXT, HANG_S, SCENARIOS, WRAPPER, board_file, check_loading,
+                      check_restored, hang_bound, wait_frames, wall_to_monotonic)
 from report_layout import format_size, layout_problems, split_report, values
-from test_interactive import WRAPPER, check_restored, wait_frames
 
-# Runs inside the board: the monitor's status and wall time, then what is still
-# running once a dying process has had a moment to be reaped.
-WRAP = ('s=$EPOCHREALTIME; "$@"; rc=$?; e=$EPOCHREALTIME; sleep 0.2; echo "@@ $rc $s $e"; '
-        'ps -eo stat=,comm=')
+# Runs inside the board: the monitor's status and when it ended, then what is
+# still running once a dying process has had a moment to be reaped.
+WRAP = '"$@"; rc=$?; e=$EPOCHREALTIME; sleep 0.2; echo "@@ $rc $e"; ps -eo stat=,comm='
 TOOLS = {"plox_ddr", "sleep", "sh"}
-CRASH_TEXT = ("Sanitizer", "runtime error", "Segmentation", "core dumped", "terminate called",
-              "Aborted")
 # The monitor runs the tool through "/bin/sh -c". A shell that does not exec its
 # last command turns a tool killed by a signal into its own exit status 128+N,
 # which the monitor rightly takes as a failed tool.
@@ -26,28 +24,25 @@ SHELL_EXECS = subprocess.run(["/bin/sh", "-c", "sh -c 'kill -SEGV $$' "],
                              stderr=subprocess.DEVNULL).returncode < 0
 
 
-def scenario(tmp_path, **changes):
-    scen = dict(json.loads((SCENARIOS / "full.json").read_text()), **changes)
-    path = tmp_path / "scenario.json"
-    path.write_text(json.dumps(scen))
-    return path
-
-
-def run_checked(run_on_board, binary, scen, n, delay=500, slack_s=0.0):
-    """Values of each frame of `-b -n N -d DELAY`, after the checks every run passes."""
+def run_checked(run_on_board, binary, scen, n, delay=500):
+    """Values and arrival times of each frame of `-b -n N -d DELAY`, and the run,
+    after the checks every run passes."""
     r = run_on_board(scen, ["bash", "-c", WRAP, "bash", binary, "-b", "-n", n, "-d", delay])
     out, _, tail = r.stdout.partition("@@ ")
     status, *procs = tail.splitlines()
-    rc, start, end = status.split()
+    rc, end = status.split()
     assert (r.returncode, rc) == (0, "0"), r.stderr
     assert not [t for t in CRASH_TEXT if t in r.stderr], r.stderr
-    assert float(end) - float(start) < n * delay / 1000 + 2.0 + slack_s
     left = [p for p in procs if p.split(None, 1)[1] in TOOLS and not p.startswith("Z")]
     assert left == []
     frames = split_report(out)
     assert len(frames) == n and out == "".join(line + "\n" for f in frames for line in f)
     assert [layout_problems(f) for f in frames] == [[]] * n
-    return [values(f) for f in frames], r
+    times = r.frame_times(frames)
+    # The stop after the last frame waits for no tool and no read for good.
+    # How long it takes on this machine is no fault: only a hang is.
+    assert wall_to_monotonic(float(end)) - times[-1] < hang_bound(HANG_S)
+    return [values(f) for f in frames], r, times
 
 
 ZERO, FIRST, LAST = ({"read": r, "write": w} for r, w in ((0, 0), (111, 11), (222, 22)))
@@ -69,20 +64,21 @@ TWO = {"read": [111, 222, 333], "write": [11, 22, 33], "interval_s": 0.2, "table
         "segv", "abort", "garbage"])
 def test_ddr_tool_faults(run_on_board, binary, tmp_path, ddr, n, want):
     """The box keeps the last figures unless the tool's shell exits non-zero."""
-    frames, _ = run_checked(run_on_board, binary, scenario(tmp_path, ddr=ddr), n)
+    frames, _, _ = run_checked(run_on_board, binary, board_file(tmp_path, ddr=ddr), n)
     assert frames[-1]["ddr"] == want
     assert [f["ddr"] for f in frames if f["ddr"] not in (ZERO, FIRST, LAST, want)] == []
 
 
 def test_quit_key_with_deaf_ddr_tool(pty_session, binary, tmp_path):
+    """The quit does not wait for good for a tool that ignores the hang-up."""
     s = pty_session(["bash", "-c", WRAPPER, "bash", str(tmp_path), binary], rows=50, cols=100,
-                    scenario=scenario(tmp_path, ddr={"mode": "deaf"}))
+                    scenario=board_file(tmp_path, ddr={"mode": "deaf"}))
     wait_frames(s, 2)
     s.send("q")
     sent = time.monotonic()
-    while b"rc=" not in s.raw and time.monotonic() - sent < 10:
+    while b"rc=" not in s.raw and time.monotonic() - sent < hang_bound(HANG_S):
         s.pump(0.05)
-    assert time.monotonic() - sent < 3.0
+    assert b"rc=" in s.raw, s.raw[-300:]
     check_restored(s, tmp_path, 0)
 
 
@@ -100,46 +96,60 @@ FILE_FAULTS = {
 
 
 def test_loading_files_block_vanish_or_hold_garbage(run_on_board, binary, truth, tmp_path):
-    """A read blocked past the period delays the stop by at most that read."""
+    """A read blocked past the period does not hold up the frames or the stop for good."""
     t = truth("full")
     files = [dict(f, **FILE_FAULTS.get(f["path"], ({},))[0])
              for f in json.loads((SCENARIOS / "full.json").read_text())["files"]]
-    frames, r = run_checked(run_on_board, binary, scenario(tmp_path, files=files), 8,
-                            slack_s=1.5)
+    frames, r, times = run_checked(run_on_board, binary, board_file(tmp_path, files=files), 8)
     if "FUSE fallback" in r.stderr:
         pytest.skip("read delays and vanishing files need the FUSE daemon")
     first = {label: v for _, label, v, _ in FILE_FAULTS.values()}
     last = dict(t["loading"], **{label: v for _, label, _, v in FILE_FAULTS.values()})
+    last = r.dsp(times, 0.5).loading(last, times[-1], 0.5)
     assert check_loading(first, t, frames[0]["rows"]) == []
     assert check_loading(last, t, frames[-1]["rows"]) == []
     assert [check_loading({"PYM0": ANY_GARBAGE}, t, f["rows"]) for f in frames] == [[]] * 8
 
 
 # The heap text changes under the collector: ion_cma appears and carveout goes
-# at 2 s (it keeps its last figures), ion_gone is killed at 2 s but stays named
+# at 3 s (it keeps its last figures), ion_gone is killed at 3 s but stays named
 # in the text, and the ghost's pid never had a /proc entry.
+CHANGE_S = 3
 ION = {"ghost_pids": {"ghost": 3999999}, "heaps": [
     {"id": 6, "total": 1 << 20,
      "allocations": [["ion_keep", 4096], ["ion_gone", 8192], ["ghost", 16384]]},
-    {"id": 4, "total": 2 << 20, "start_s": 2},
-    {"id": 2, "total": 4 << 20, "summary": [["ion_keep", 131072]], "end_s": 2}]}
+    {"id": 4, "total": 2 << 20, "start_s": CHANGE_S},
+    {"id": 2, "total": 4 << 20, "summary": [["ion_keep", 131072]], "end_s": CHANGE_S}]}
 HOLDERS = [{"name": "ion_keep", "rss_kb": 2048},
-           {"name": "ion_gone", "rss_kb": 1024, "lifetime_s": 2}]
-ION_FRAMES = [  # frame, heaps shown (total, used), processes shown (ION bytes)
-    (0, {"cma_reserved": (1 << 20, 28672), "carveout": (4 << 20, 131072)},
-     {"ion_keep": 135168, "ion_gone": 8192}),
-    (-1, {"cma_reserved": (1 << 20, 28672), "ion_cma": (2 << 20, 0),
-          "carveout": (4 << 20, 131072)}, {"ion_keep": 4096}),
-]
+           {"name": "ion_gone", "rss_kb": 1024, "lifetime_s": CHANGE_S}]
+ION_SHOWN = {  # heaps shown (total, used), processes shown (ION bytes)
+    "before": ({"cma_reserved": (1 << 20, 28672), "carveout": (4 << 20, 131072)},
+               {"ion_keep": 135168, "ion_gone": 8192}),
+    "after": ({"cma_reserved": (1 << 20, 28672), "ion_cma": (2 << 20, 0),
+               "carveout": (4 << 20, 131072)}, {"ion_keep": 4096}),
+}
+# A frame that arrives this soon after the change may show it in part or not
+# at all: the board plays its timeline a little late on a loaded machine, and
+# a frame arrives a little after it is drawn.
+SETTLE_S = 0.5
 
 
 def test_heap_text_changes_between_frames(run_on_board, binary, tmp_path):
-    frames, r = run_checked(run_on_board, binary,
-                            scenario(tmp_path, ion=ION, processes=HOLDERS), 8)
+    """Each frame against the text as it was when the frame really came."""
+    frames, r, times = run_checked(run_on_board, binary,
+                                   board_file(tmp_path, ion=ION, processes=HOLDERS), 10)
     pids = r.pids()
-    for i, heaps, procs in ION_FRAMES:
-        assert frames[i]["heaps"] == {name: (format_size(total), format_size(used),
-                                             format_size(total - used))
-                                      for name, (total, used) in heaps.items()}, i
-        assert {name: (p[0], p[2]) for name, p in frames[i]["processes"].items()} == {
-            name: (pids[name], format_size(size)) for name, size in procs.items()}, i
+    checked = []
+    for i, (frame, at) in enumerate(zip(frames, times)):
+        at -= r.clock_start()
+        if CHANGE_S <= at < CHANGE_S + SETTLE_S:
+            continue
+        state = "before" if at < CHANGE_S else "after"
+        heaps, procs = ION_SHOWN[state]
+        assert frame["heaps"] == {name: (format_size(total), format_size(used),
+                                         format_size(total - used))
+                                  for name, (total, used) in heaps.items()}, (i, at, state)
+        assert {name: (p[0], p[2]) for name, p in frame["processes"].items()} == {
+            name: (pids[name], format_size(size)) for name, size in procs.items()}, (i, at, state)
+        checked.append(state)
+    assert set(checked) == {"before", "after"}, [round(t - r.clock_start(), 2) for t in times]

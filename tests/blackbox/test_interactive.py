@@ -8,24 +8,11 @@ import time
 import pyte
 import pytest
 
-from report_layout import (BORDER, HEADER_TEXTS, TITLE, codes, expected_codes,
-                           layout_problems)
+from conftest import (CURSOR_UP, FULL_CODES, WRAPPER, check_restored, frames_done, hang_bound,
+                      lines, wait_frames)
+from report_layout import BORDER, HEADER_TEXTS, TITLE, codes, expected_codes, layout_problems
 
-CURSOR_UP = re.compile(rb"\x1b\[(\d+)A")
-HIDE, SHOW = b"\x1b[?25l", b"\x1b[?25h"
-FULL_CODES = expected_codes(15, True, 4, 2)  # the "full" board once running: 40 lines
-
-
-def frames_done(raw):
-    """Frames completed so far: each frame ends by moving the cursor back up."""
-    return len(CURSOR_UP.findall(raw))
-
-
-def wait_frames(s, n, timeout=15):
-    end = time.monotonic() + timeout
-    while frames_done(s.raw) < n and time.monotonic() < end and s.child.isalive():
-        s.pump(0.1)
-    assert frames_done(s.raw) >= n, f"{frames_done(s.raw)} frames: {s.raw[-300:]!r}"
+HIDE = b"\x1b[?25l"
 
 
 def screen_after(raw, n, rows, cols):
@@ -34,10 +21,6 @@ def screen_after(raw, n, rows, cols):
     screen = pyte.Screen(cols, rows)
     pyte.ByteStream(screen).feed(raw[:m.end()])
     return screen
-
-
-def lines(screen):
-    return [line.rstrip() for line in screen.display]
 
 
 def check_reverse_headers(screen, nlines):
@@ -119,30 +102,11 @@ def test_shorter_frame_erases_its_old_tail(pty_session, binary):
 
 # ------------------------------------------------------------ terminal restored
 
-WRAPPER = 'stty -g > "$1/before"; "$2" -d 200; echo "rc=$?"; stty -g > "$1/after"'
-
-
 def start_wrapped(pty_session, binary, tmp_path):
     s = pty_session(["bash", "-c", WRAPPER, "bash", str(tmp_path), binary],
                     rows=50, cols=100, scenario="full")
     wait_frames(s, 2)
     return s
-
-
-def check_restored(s, tmp_path, rc):
-    assert s.wait_exit(15) == 0  # the wrapper's own status (stty)
-    text = s.raw.decode(errors="replace")
-    assert f"rc={rc}" in text, text[-300:]
-    assert (tmp_path / "before").read_text() == (tmp_path / "after").read_text()
-    monitor_out = s.raw.split(b"rc=")[0]
-    tail = monitor_out[monitor_out.rfind(SHOW):]
-    assert monitor_out.rfind(SHOW) > monitor_out.rfind(b"| Monitor"), "cursor not shown again"
-    assert b"|" not in tail and b"\x1b[" not in tail[len(SHOW):]
-    # The shell's next output comes below the last frame, which is left intact.
-    scr = lines(s.screen)
-    assert scr[0] == BORDER and scr[1] == TITLE
-    row = next(i for i, line in enumerate(scr) if line.startswith("rc="))
-    return row
 
 
 @pytest.mark.parametrize("key", [b"q", b"Q", b"\x03", b"\x04", b"\x1a"],
@@ -151,7 +115,7 @@ def test_quit_key_ends_with_status_0_and_restores_terminal(pty_session, binary, 
     s = start_wrapped(pty_session, binary, tmp_path)
     before = frames_done(s.raw)
     s.send(b"x")  # any other key: keeps running, not echoed
-    end = time.monotonic() + 5
+    end = time.monotonic() + hang_bound(5)
     while frames_done(s.raw) < before + 2 and time.monotonic() < end:
         s.pump(0.1)
     assert frames_done(s.raw) >= before + 2 and s.child.isalive()

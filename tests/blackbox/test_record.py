@@ -15,14 +15,20 @@ from datetime import datetime, timezone
 
 import pytest
 
-from conftest import REPO, check_loading
+from conftest import REPO, WINDOW_STRETCH, check_loading, wall_to_monotonic
 
 MIB = 1 << 20
 RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 
 
+def number(cell, kind=int):
+    """A CSV cell; None where the figure is missing."""
+    return kind(cell) if cell else None
+
+
 def csv_records(path):
-    """The rows of a recorded CSV as records; every row complete, CRLF line ends."""
+    """The rows of a recorded CSV as records; every row complete, CRLF line ends;
+    a missing figure is None."""
     raw = path.read_bytes()
     assert raw.endswith(b"\r\n") and raw.count(b"\n") == raw.count(b"\r\n")
     header, *rows = csv.reader(raw.decode().splitlines())
@@ -34,10 +40,11 @@ def csv_records(path):
         heaps = {k[:-len("_total_bytes")] for k in header if k.endswith("_total_bytes")}
         out.append({
             "time": cell["time"], "elapsed_s": float(cell["elapsed_s"]),
-            "loading": [(k, float(cell[k])) for k in header[2:] if re.fullmatch(r"[A-Z]+\d+", k)],
-            "ddr": (int(cell["ddr_read_bytes_per_second"]),
-                    int(cell["ddr_write_bytes_per_second"])),
-            "heaps": {h: tuple(int(cell[f"{h}_{f}_bytes"]) for f in ("total", "used", "free"))
+            "loading": [(k, number(cell[k], float)) for k in header[2:]
+                        if re.fullmatch(r"[A-Z]+\d+", k)],
+            "ddr": (number(cell["ddr_read_bytes_per_second"]),
+                    number(cell["ddr_write_bytes_per_second"])),
+            "heaps": {h: tuple(number(cell[f"{h}_{f}_bytes"]) for f in ("total", "used", "free"))
                       for h in heaps}})
     return out
 
@@ -46,15 +53,18 @@ def json_records(text):
     out = []
     for line in text.splitlines():
         r = json.loads(line)
+        ddr = r["ddr"] or {"read_bytes_per_second": None, "write_bytes_per_second": None}
         out.append(dict(r, loading=[(x["label"], x["percent"]) for x in r["loading"]],
-                        ddr=(r["ddr"]["read_bytes_per_second"], r["ddr"]["write_bytes_per_second"]),
+                        ddr=(ddr["read_bytes_per_second"], ddr["write_bytes_per_second"]),
                         heaps={h["name"]: (h["total_bytes"], h["used_bytes"], h["free_bytes"])
                                for h in r["heaps"]}))
         assert all(x["label"] == f'{x["engine"]}{x["core"]}' for x in r["loading"])
     return out
 
 
-def check_records(records, t, count, delay_s):
+def check_records(records, t, count, delay_s, run):
+    """The records against the truth; the DSP figures against what the board's
+    clients really did, at the time each record was really taken."""
     assert len(records) == count
     start = None
     for i, r in enumerate(records):
@@ -66,9 +76,17 @@ def check_records(records, t, count, delay_s):
         assert (i + 1) * delay_s - 0.005 <= r["elapsed_s"] < (i + 1) * delay_s + 10
         start = start if start is not None else wall - r["elapsed_s"]
         assert abs(wall - r["elapsed_s"] - start) < 0.2
+        # A sampled core has no figure until its first window has ended; then
+        # always one.
+        missing = [label for label, v in r["loading"] if v is None]
+        assert all(re.fullmatch(r"(YPU|DSP)\d+", label) for label in missing), missing
+        assert not missing or r["elapsed_s"] < WINDOW_STRETCH * delay_s, (r["elapsed_s"], missing)
     last = records[-1]
     assert [label for label, _ in last["loading"]] == t["rows"]
-    assert check_loading(t["loading"], t, last["loading"]) == []
+    at = [wall_to_monotonic(datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
+        tzinfo=timezone.utc).timestamp()) for r in records]
+    loading = run.dsp(at, delay_s).loading(t["loading"], at[-1], delay_s)
+    assert check_loading(loading, t, last["loading"]) == []
     assert last["ddr"] == (t["ddr"]["read"] * MIB, t["ddr"]["write"] * MIB)
     assert last["heaps"] == {name: (h["total"], h["used"], h["total"] - h["used"])
                              for name, h in t["heaps"].items()}
@@ -84,10 +102,10 @@ def test_records_match_truth(run_on_board, record_binary, truth, tmp_path, fmt):
     assert (r.returncode, r.stderr) == (0, "")
     if fmt == "csv":
         assert r.stdout == ""
-        check_records(csv_records(out), t, 8, 0.5)
+        check_records(csv_records(out), t, 8, 0.5, r)
         return
     records = json_records(r.stdout)
-    check_records(records, t, 8, 0.5)
+    check_records(records, t, 8, 0.5, r)
     procs = {p["name"]: p for p in records[-1]["processes"]}
     assert {name: p["ion_bytes"] for name, p in procs.items()} == {
         name: p["ion_bytes"] for name, p in t["processes"].items()}
@@ -158,7 +176,8 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     rows = [(dict(labels)["engine"] + dict(labels)["core"], v)
             for (name, labels), v in got.items() if name == "kvt_zqp_loading_percent"]
     assert [label for label, _ in rows] == t["rows"]
-    assert check_loading(t["loading"], t, rows) == []
+    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
+    assert check_loading(r.dsp().loading(t["loading"], at, 0.25), t, rows) == []
     for direction in ("read", "write"):
         assert got[("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))] == \
             t["ddr"][direction] * MIB
@@ -174,9 +193,15 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     # node_exporter read a whole file at every scrape once the first was there.
     seen = scrapes[next(i for i, s in enumerate(scrapes) if "kvt_zqp_" in s):]
     assert len(seen) >= 10
-    for s in seen:
+    sampled = len([label for label in t["rows"] if re.fullmatch(r"(YPU|DSP)\d+", label)])
+    for i, s in enumerate(seen):
         assert "node_textfile_scrape_error 0" in s
-        assert s.count("\nkvt_zqp_loading_percent{") == len(t["rows"])
+        # The sampled cores' series are absent until their first window ended.
+        series = s.count("\nkvt_zqp_loading_percent{")
+        elapsed = float(re.search(r"\nkvt_zqp_elapsed_seconds (\S+)", s)[1])
+        assert series == len(t["rows"]) or (series == len(t["rows"]) - sampled and
+                                            elapsed < WINDOW_STRETCH * 0.25), s
+    assert seen[-1].count("\nkvt_zqp_loading_percent{") == len(t["rows"])
     assert prom_samples(seen[-1])[("kvt_zqp_heap_used_bytes", (("heap", "custom"),))] == \
         t["heaps"]["custom"]["used"]
 
@@ -193,6 +218,8 @@ def test_plot_of_a_recorded_run(run_on_board, record_binary, tmp_path):
     png = (tmp_path / "run.png").read_bytes()
     assert png[:8] == b"\x89PNG\r\n\x1a\n" and len(png) > 20000
 
+
+UNTIL_THREE = 'until [ "$(cat "$2" 2>/dev/null | wc -l)" -ge 4 ]; do sleep 0.05; done; '
 
 # id, command: arguments on the host (those end in the parser) or a shell text
 # on the board ("$1" the recorder, "$2" the output file); the exit status, what
@@ -214,7 +241,8 @@ ENDINGS = [
     # 1000 ms wraps to 705032 records in 32 bits).
     ("repeated-engine", '"$1" -n 1 -d 100 -e gdc,GDC | head -n 1 | grep -q "^time,elapsed_s,GDC0,GDC1,ddr_"',
      0, "", None),
-    ("long-time", 'timeout 2 "$1" -v -t 5000000 -o /dev/null 2>&1 | grep -qx "iterator nums: 5000000"',
+    ("long-time", 'mkfifo "$2.v"; "$1" -v -t 5000000 -o /dev/null >"$2.v" 2>&1 & '
+     'grep -m 1 -qx "iterator nums: 5000000" <"$2.v"; s=$?; kill $!; wait $!; exit $s',
      0, "", None),
     ("closed-stdout", '"$1" -n 2 >&-', 1,
      "kvt_zqp_record: cannot write standard output: Bad file descriptor\n", None),
@@ -226,13 +254,18 @@ ENDINGS = [
      'grep -q "^kvt_zqp_elapsed_seconds " && test -L /dev/stdout', 0, "", None),
     ("unwritable-path", '"$1" -n 2 -o /nonexistent/out.csv', 1,
      "kvt_zqp_record: cannot write /nonexistent/out.csv: No such file or directory\n", None),
+    # A reader that goes away ends the recorder by SIGPIPE, quietly, as other
+    # filters end.
+    ("reader-gone", '{ "$1" -d 100; echo $? >"$2.status"; } | head -n 1 >/dev/null; '
+     'exit $(cat "$2.status")', 141, "", None),
     ("full-device", '"$1" -n 2 --format jsonl -o /dev/full', 1,
      "kvt_zqp_record: cannot write /dev/full: No space left on device\n", None),
     # 1536 bytes end inside the sixth row (rows are about 210 bytes after a
     # 394-byte header), so the write of a record fails part-way.
     ("file-size-limit", 'exec prlimit --fsize=1536 "$1" -d 100 -o "$2"', 1, ": File too large\n", 4),
-    ("sigterm", '"$1" -d 200 -o "$2" & sleep 3; kill -TERM $!; wait $!', 0, "", 3),
-    ("sigint", '"$1" -d 200 -o "$2" & sleep 3; kill -INT $!; wait $!', 0, "", 3),
+    # The signal comes once three records are written (a header and three rows).
+    ("sigterm", '"$1" -d 200 -o "$2" & ' + UNTIL_THREE + 'kill -TERM $!; wait $!', 0, "", 3),
+    ("sigint", '"$1" -d 200 -o "$2" & ' + UNTIL_THREE + 'kill -INT $!; wait $!', 0, "", 3),
 ]
 
 

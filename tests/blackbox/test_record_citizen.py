@@ -7,21 +7,13 @@ import os
 import signal
 import stat
 import subprocess
+from datetime import datetime, timezone
 
 import pytest
 
-from conftest import EMULATED, SCENARIOS
+from conftest import EMULATED, board_file
 
 NOBODY = 65534
-
-
-def scenario_file(tmp_path, base, **changes):
-    """A copy of scenario base with top-level keys replaced, as a file."""
-    data = json.loads((SCENARIOS / f"{base}.json").read_text())
-    data.update(changes)
-    path = tmp_path / f"{base}-changed.json"
-    path.write_text(json.dumps(data))
-    return path
 
 
 def record_on_host(record_binary, args, **kwargs):
@@ -111,7 +103,7 @@ def ddr_cells(text):
 @pytest.mark.parametrize("then", ["SEGV", 0, "silent"])
 def test_figures_of_an_ended_or_quiet_ddr_tool_are_missing(run_on_board, record_binary, tmp_path,
                                                             then):
-    board = scenario_file(tmp_path, "bare", ddr={"mode": "normal", "read": 100, "write": 50,
+    board = board_file(tmp_path, "bare", ddr={"mode": "normal", "read": 100, "write": 50,
                                                  "interval_s": 0.5, "tables": 2, "then": then})
     r = run_on_board(board, [record_binary, "-e", "dsp", "-d", "500", "-n", "14"])
     assert r.returncode == 0, r.stderr
@@ -187,7 +179,7 @@ print(json.dumps(results))
 
 
 def test_deaf_ddr_tool_ends_with_a_fatal_signal(run_on_board, binary, record_binary, tmp_path):
-    board = scenario_file(tmp_path, "bare", ddr={"mode": "deaf"})
+    board = board_file(tmp_path, "bare", ddr={"mode": "deaf"})
     cases = [[name, int(sig)] for name, sig in FATAL]
     r = run_on_board(board, ["python3", "-c", DEAF_DRIVER, binary, record_binary,
                              json.dumps(cases)], timeout=600 if EMULATED else 240)
@@ -228,3 +220,90 @@ def test_descriptor_limit_raised_for_the_programs_not_for_the_tool(run_on_board,
     assert len(limits) == 2 and all(soft == hard for soft, hard in limits), limits
     tool = [json.loads(line) for line in r.log("ddr_limits.log").splitlines()]
     assert [soft for soft, _ in tool] == [1024, 1024]
+
+
+# The recorder's sampler runs all the time, so a record taken at T shows the
+# last window of about one delay (longer on a loaded machine) that ended by T.
+# It sees a new client or a death up to one refresh (50 ms) late.
+REFRESH_S = 0.05
+STRETCH = 1.5
+
+
+def recorded_dsp_problems(records, workdir, delay_s, tol):
+    """Each record's DSP figures against what the clients really did."""
+    from conftest import DspActivity, wall_to_monotonic
+    activity = DspActivity(workdir)
+    problems, missing = [], 0
+    for r in records:
+        wall = datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(tzinfo=timezone.utc)
+        at = wall_to_monotonic(wall.timestamp())
+        for figure in r["loading"]:
+            got, core = figure["percent"], figure["core"]
+            if got is None:
+                # Only before the first window can have ended.
+                missing += 1
+                if r["elapsed_s"] > delay_s * STRETCH:
+                    problems.append(f'{r["elapsed_s"]}s {figure["label"]}: missing')
+                continue
+            shares = [activity.share(core, end - length, end)
+                      for length in (delay_s, delay_s * STRETCH)
+                      for end in (at - i * 0.01 for i in range(int(length * 100) + 1))]
+            slack = tol + 100 * REFRESH_S / delay_s
+            if not min(shares) - slack <= got <= max(shares) + slack:
+                problems.append(f'{r["elapsed_s"]}s {figure["label"]}: got {got}, want '
+                                f'{min(shares):.1f}..{max(shares):.1f} +/- {slack:.1f}')
+    return problems, missing
+
+
+@pytest.mark.parametrize("first", ["recorder", "monitor"])
+def test_monitor_and_recorder_side_by_side(run_on_board, binary, record_binary, truth, tmp_path,
+                                          first):
+    """Both on the churning board, each starting first and ending first in
+    turn: the monitor's frames follow every client as they do alone, and so do
+    the recorder's records, before, during and after the other's life."""
+    from conftest import check_loading, values, well_formed
+    t, delay = truth("dsp_churn"), 0.5
+    out = tmp_path / "run.jsonl"
+    # The one that starts first runs for the whole scenario (10 s); the other
+    # starts 0.5 s later and ends at about 4.5 s, before dsp_c starts at 6 s.
+    long, short = ("-n", "20"), ("-n", "8")
+    record = f'"$1" -d 500 --format jsonl -e dsp -o "$2" {" ".join(long if first == "recorder" else short)}'
+    monitor = f'"$0" -b -d 500 -e dsp {" ".join(short if first == "recorder" else long)}'
+    script = (f"{record} & sleep 0.5; {monitor}; wait $!" if first == "recorder" else
+              f"(sleep 0.5; {record}) & {monitor}; wait $!")
+    r = run_on_board("dsp_churn", ["sh", "-c", script, binary, record_binary, out])
+    assert r.returncode == 0, r.stderr
+    frames = well_formed(r.stdout, r.stderr, 8 if first == "recorder" else 20)
+    times = r.frame_times(frames)
+    dsp = r.dsp(times, delay)
+    problems = []
+    for frame, at in zip(frames, times):
+        want = dsp.loading(t["loading"], at, delay)
+        problems += [f"monitor {at - r.clock_start():.2f}s: {p}"
+                     for p in check_loading(want, t, values(frame)["rows"])]
+    records = [json.loads(line) for line in out.read_text().splitlines()]
+    assert len(records) == (20 if first == "recorder" else 8)
+    recorded, missing = recorded_dsp_problems(records, r.workdir, delay, 5.0)
+    assert problems + recorded == []
+    # Not vacuous: dsp_b's 80 % shows in some record.
+    shown = [dict((f["label"], f["percent"]) for f in rec["loading"]) for rec in records]
+    assert any((figures["DSP1"] or 0) > 60 for figures in shown), shown
+    if first == "recorder":
+        # dsp_c came after the monitor had gone (and with it any fifo).
+        late = [figures for figures, rec in zip(shown, records) if rec["elapsed_s"] > 8]
+        assert late and all(20 < figures["DSP0"] < 40 for figures in late), late
+    else:
+        # The monitor still sees dsp_c, after the recorder has ended.
+        late = [values(f)["rows"] for f, at in zip(frames, times) if at - r.clock_start() > 7.5]
+        assert late and all(20 < dict(rows)["DSP0"] < 40 for rows in late), late
+
+
+def test_tool_status_is_seen_under_a_parent_that_ignores_sigchld(run_on_board, binary, tmp_path):
+    # An ignored SIGCHLD survives exec; children would then be reaped by the
+    # kernel and the tool's exit status lost.
+    board = board_file(tmp_path, "bare", ddr={"mode": "fail"})
+    r = run_on_board(board, ["sh", "-c", "trap '' CHLD; exec \"$0\" -b -v -n 2 -d 300", binary])
+    assert r.returncode == 0
+    assert ("Run command:plox_ddr -t ypu -p 100000 -n 2  failed, exit status:1, please check "
+            "the previous log\n") in r.stderr
+    assert "Wait subprocess exit failed" not in r.stderr

@@ -2,73 +2,33 @@
 thousand, a flood of fifo events, a window resized a hundred times and every handled
 fatal signal a hundred times. Nothing crashes or hangs, frames stay well formed, the
 terminal comes back. The loops run inside the board (sim/stress_driver)."""
-import json
 import signal
 import time
-from collections import Counter
 
 import pyte
 
-from conftest import EMULATED, REPO, SCENARIOS, SIM_BUILD
-from report_layout import codes, layout_problems, split_report, values
-from test_interactive import CURSOR_UP, FULL_CODES, lines, wait_frames
+from conftest import (CLIENT, CRASH_TEXT, CURSOR_UP, FULL_CODES, EMULATED, HANG_S, drive,
+                      dsp0, dsp_board, growth, hang_bound, lines, wait_frames, well_formed)
+from report_layout import codes, layout_problems
 
-DRIVER = ["/usr/bin/python3", str(REPO / "sim" / "stress_driver")]
-CLIENT = str(SIM_BUILD / "kzm_dsp_client")
-CRASH_TEXT = ("Sanitizer", "runtime error", "Segmentation", "core dumped", "terminate called")
 PIDFD = "anon_inode:[pidfd]"
 # The handled set: bit N of the fatal mask stands for signal N.
 FATAL = [signal.Signals(n).name for n in range(1, 32) if 0x0700FC4E >> n & 1]
 
 
-def dsp_board(tmp_path, node=None, clients=()):
-    """A board with one DSP core and nothing else, as a scenario file."""
-    scen = json.loads((SCENARIOS / "bare.json").read_text())
-    scen.update(dev=["vdsp0"], dsp={"nodes": [node or {}], "clients": list(clients)})
-    path = tmp_path / "dsp_board.json"
-    path.write_text(json.dumps(scen))
-    return path
-
-
-def well_formed(stdout, stderr, count=None):
-    """The frames of a batch output, each checked; no crash text on stderr."""
-    frames = split_report(stdout)
-    assert frames and len(frames) == (count or len(frames)), len(frames)
-    assert [i for i, f in enumerate(frames) if layout_problems(f)] == []
-    assert [t for t in CRASH_TEXT if t in stderr] == [], stderr[-500:]
-    return frames
-
-
-def dsp0(frame):
-    return dict(values(frame)["rows"])["DSP0"]
-
-
 def test_dsp_node_shorter_than_its_layout_is_watched(run_monitor, tmp_path):
     """A 100-byte node holds magic, masks and the first pids: it is mapped (reading
-    zeros past its end) and a client busy all the time shows."""
+    zeros past its end) and a client busy all the time shows: 100.0 once a sampling
+    window has completed (0.0 before)."""
     board = dsp_board(tmp_path, {"size": 100}, [{"cores": [0], "duty": 100}])
-    r = run_monitor(board, ["-b", "-n", "3", "-d", "300"], timeout=30)
+    r = run_monitor(board, ["-b", "-n", "5", "-d", "300"], timeout=30)
     assert r.returncode == 0, r.stderr
-    frames = well_formed(r.stdout, r.stderr, 3)
-    assert [dsp0(f) for f in frames[1:]] == [100.0, 100.0]
+    frames = well_formed(r.stdout, r.stderr, 5)
+    times = r.frame_times(frames)
+    wants = [r.dsp(times, 0.3).expect(0, at, 0.3) for at in times]
+    assert [(dsp0(f), w) for f, w in zip(frames, wants) if not w.accepts(dsp0(f), 0.0)] == []
+    assert wants[-1].definite(0.0) and dsp0(frames[-1]) == 100.0
     assert "mmap node addr failed" not in r.stderr
-
-
-def drive(run_on_board, board, args, monitor, timeout):
-    """The driver's report and the board's wall time."""
-    start = time.monotonic()
-    r = run_on_board(board, DRIVER + args + ["--"] + monitor, timeout=timeout)
-    assert r.returncode == 0, r.stderr[-2000:]
-    out = json.loads(r.stdout)
-    assert "error" not in out and out.get("returncode", 0) == 0, (out.get("error"), out)
-    return out, time.monotonic() - start
-
-
-def growth(out):
-    """Descriptors opened (positive) or closed (negative) between the snapshots."""
-    diff = Counter(out["after"]["fds"])
-    diff.subtract(out["before"]["fds"])
-    return {k: v for k, v in diff.items() if v}
 
 
 def test_thousand_killed_clients_leave_only_their_pidfds(run_on_board, binary, tmp_path):
@@ -77,29 +37,26 @@ def test_thousand_killed_clients_leave_only_their_pidfds(run_on_board, binary, t
     lock file mapped at start stay open (the first rescan maps them again over the
     entry), and every later mapping is released at the exit that idles the monitor."""
     n = 1000
-    out, took = drive(run_on_board, dsp_board(tmp_path),
-                      ["dsp-kill", "--count", str(n), "--client", CLIENT],
-                      [binary, "-b", "-d", "100", "-n", "1000000"], timeout=300)
+    out = drive(run_on_board, dsp_board(tmp_path),
+                ["dsp-kill", "--count", str(n), "--client", CLIENT],
+                [binary, "-b", "-d", "100", "-n", "1000000"])
     assert out["killed"] == n and growth(out) == {PIDFD: n}
     assert out["after"]["threads"] == out["before"]["threads"]
     assert dsp0(well_formed(out["stdout"], out["stderr"])[-1]) == 0.0
-    # About 3 s in a plain build; a sanitizer build on a loaded machine takes
-    # tens of seconds. Only a hang is a fault here.
-    assert took < 240, took
 
 
 def test_fifo_burst_while_sampling(run_on_board, binary, tmp_path):
     """10,000 events for dead pids, bad pids and slots out of range, and a live pid
-    every hundredth (each opening one more pidfd, kept), while a client is busy."""
-    out, took = drive(run_on_board, dsp_board(tmp_path),
-                      ["fifo-burst", "--count", "10000", "--client", CLIENT],
-                      [binary, "-b", "-d", "200", "-n", "15"], timeout=60)
+    every hundredth (each opening one more pidfd, kept), while a client is busy. The
+    frames keep coming: none waits for the burst to be read (a hang bound only)."""
+    out = drive(run_on_board, dsp_board(tmp_path),
+                ["fifo-burst", "--count", "10000", "--client", CLIENT],
+                [binary, "-b", "-d", "200", "-n", "15"])
     assert out["live_messages"] == 100 and growth(out) == {PIDFD: 100}
     frames = well_formed(out["stdout"], out["stderr"], 15)
     assert dsp0(frames[-1]) == 100.0  # no event released the live client's slot
     gaps = [b - a for a, b in zip(out["frames"], out["frames"][1:])]
-    assert max(gaps) < 1.0 and out["seconds"] < 3 + 4, (gaps, out["seconds"])
-    assert took < 30, took
+    assert max(gaps) < hang_bound(HANG_S), gaps
 
 
 def test_hundred_resizes_end_in_a_frame_for_the_last_size(pty_session, binary):
@@ -116,7 +73,7 @@ def test_hundred_resizes_end_in_a_frame_for_the_last_size(pty_session, binary):
     s.child.setwinsize(rows, cols)
     s.pump(0.3)
     mark = len(s.raw)
-    end = time.monotonic() + 10
+    end = time.monotonic() + hang_bound(10)
     while len(CURSOR_UP.findall(s.raw[mark:])) < 3 and time.monotonic() < end:
         s.pump(0.1)
     ends = [m.end() for m in CURSOR_UP.finditer(s.raw, mark)]
@@ -138,11 +95,13 @@ def test_every_fatal_signal_hundred_times_restores_the_terminal(run_on_board, bi
     frame, 0 to 90 ms into the next: death by that signal, same termios, cursor shown.
     The signal must land between frames: one landing while a frame is written may
     repeat a line, as the handler's restore flushes the same stdio buffer. Under an
-    emulator the signal lands later, so the frames are further apart."""
+    emulator the signal lands later, so the frames are further apart. Each run's
+    first frame and its end after the signal are bounded by a hang bound; the 1300
+    runs take minutes on a slow machine and under an emulator, and that is no fault."""
     delay = "200" if EMULATED else "100"
-    out, took = drive(run_on_board, "full",
-                      ["signals", "--count", "100", "--jobs", "6", "--rows", "50"] + FATAL,
-                      [binary, "-d", delay], timeout=300)
+    out = drive(run_on_board, "full",
+                ["signals", "--count", "100", "--jobs", "6", "--rows", "50"] + FATAL,
+                [binary, "-d", delay])
     assert sorted(out) == sorted(FATAL)
     assert {k: v["problems"] for k, v in out.items() if v["failed"] or v["runs"] != 100} == {}
     for name, v in out.items():
@@ -150,4 +109,3 @@ def test_every_fatal_signal_hundred_times_restores_the_terminal(run_on_board, bi
         pyte.ByteStream(scr).feed(v["last_output"].encode("latin-1"))
         frame = lines(scr)[:lines(scr).index("")]
         assert layout_problems(frame) == [], (name, frame)
-    assert took < 200, (took, {k: v["seconds"] for k, v in out.items()})
