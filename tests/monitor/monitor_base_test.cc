@@ -61,11 +61,6 @@ TEST(MonitorBaseTest, LoadingSlotsAndWatches) {
   EXPECT_EQ(monitor.LoadingSnapshot(), (std::vector<float>{0.0f, 0.0f, 0.0f, 42.5f}));
   monitor.SetLoadingNum(4);  // a fresh set of zeros
   EXPECT_EQ(monitor.LoadingSnapshot(), (std::vector<float>(4, 0.0f)));
-
-  monitor.AddWatch(7, [](int) {});
-  EXPECT_TRUE(runner->GetTask(7));
-  monitor.RemoveWatch(7);
-  EXPECT_FALSE(runner->GetTask(7));
 }
 
 }  // namespace

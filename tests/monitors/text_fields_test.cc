@@ -14,7 +14,6 @@
 
 #include "monitors/file_monitor.h"
 #include "monitors/value_readers.h"
-#include "support/test_util.h"
 
 namespace kestro::zqp {
 namespace {
@@ -49,20 +48,6 @@ TEST(TextFieldsTest, ParseUnsignedTakesWholeDecimalNumbersOf64BitsOnly) {
     EXPECT_EQ(ParseUnsigned(text, parsed), ok) << text;
     EXPECT_EQ(parsed, value) << text;
   }
-}
-
-TEST(TextFieldsTest, IsProcessRunningMatchesTheStartOfTheFirstArgumentsBaseName) {
-  test_support::BoardRoot tree;
-  tree.WriteFile("proc/12/cmdline", std::string("/usr/bin/camera_daemon\0dsp", 26));
-  tree.WriteFile("proc/self/cmdline", std::string("/bin/dspd\0", 10));
-  tree.MakeDir("proc/41");
-  EXPECT_TRUE(IsProcessRunning("camera"));
-  EXPECT_TRUE(IsProcessRunning("camera_daemon"));
-  // Not the path, not the other arguments, not entries named otherwise than by a pid.
-  for (const char* name : {"camera_daemonX", "usr", "dsp"}) EXPECT_FALSE(IsProcessRunning(name));
-  test_support::BoardRoot without_proc;
-  EXPECT_EQ(test_support::CaptureStderr([] { EXPECT_FALSE(IsProcessRunning("camera")); }),
-            "open proc failed\n");
 }
 
 TEST(ValueReadersTest, EachReaderConvertsOnlyItsDriversLayout) {

@@ -61,14 +61,18 @@ TEST(WatchTaskRunnerTest, TableChangesFromCallbacksAndHangups) {
 TEST(WatchTaskRunnerTest, TaskAddedFromAnotherThreadIsWatchedFromTheNextPass) {
   WatchTaskRunner runner;
   Pipe wake, late;
-  runner.AddTask(wake.Reader(), [](int fd) {
+  std::atomic<int> passes{0};
+  runner.AddTask(wake.Reader(), [&passes](int fd) {
     char c;
     while (read(fd, &c, 1) == 1) {
     }
+    ++passes;
   });
   std::thread loop([&] { runner.Run(); });
-  // Most likely the loop is blocked in poll without the new descriptor by now.
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // The loop has run a pass, so its poll set was built before the task below
+  // exists: a runner that builds it once never sees the new descriptor.
+  wake.Write();
+  ASSERT_TRUE(test_support::WaitFor([&] { return passes.load() == 1; }));
   std::atomic<bool> late_called{false};
   runner.AddTask(late.Reader(), [&](int) { late_called = true, runner.Stop(); });
   late.Write();
