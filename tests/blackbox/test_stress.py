@@ -2,6 +2,7 @@
 thousand, a flood of fifo events, a window resized a hundred times and every handled
 fatal signal a hundred times. Nothing crashes or hangs, frames stay well formed, the
 terminal comes back. The loops run inside the board (sim/stress_driver)."""
+import json
 import signal
 import time
 
@@ -31,18 +32,30 @@ def test_dsp_node_shorter_than_its_layout_is_watched(run_monitor, tmp_path):
     assert "mmap node addr failed" not in r.stderr
 
 
-def test_thousand_killed_clients_leave_only_their_pidfds(run_on_board, binary, tmp_path):
+def test_thousand_killed_clients_beside_the_recorder(run_on_board, binary, record_binary,
+                                                    tmp_path):
     """Each client arrives while the monitor is idle and is found by one rescan of the
     one node: one pidfd, kept open after its exit. Nothing else may grow: the node and
     lock file mapped at start stay open (the first rescan maps them again over the
-    entry), and every later mapping is released at the exit that idles the monitor."""
-    n = 1000
+    entry), and every later mapping is released at the exit that idles the monitor.
+    Started under a soft limit of 1024 descriptors, the monitor goes past it and still
+    shows a busy and an idle DSP. The recorder beside follows the same clients and
+    ends with the descriptors and threads it started with."""
+    n = 1100
     out = drive(run_on_board, dsp_board(tmp_path),
-                ["dsp-kill", "--count", str(n), "--client", CLIENT],
-                [binary, "-b", "-d", "100", "-n", "1000000"])
+                ["dsp-kill", "--count", str(n), "--client", CLIENT, "--recorder", record_binary,
+                 "--nofile", "1024"], [binary, "-b", "-d", "100", "-n", "1000000"])
     assert out["killed"] == n and growth(out) == {PIDFD: n}
+    assert len(out["after"]["fds"]) > 1024
     assert out["after"]["threads"] == out["before"]["threads"]
-    assert dsp0(well_formed(out["stdout"], out["stderr"])[-1]) == 0.0
+    last = [dsp0(f) for f in well_formed(out["stdout"], out["stderr"])[-20:]]
+    assert max(last) == 100.0 and last[-1] == 0.0, last
+    rec = out["recorder"]
+    assert rec["returncode"] == 0 and not [t for t in CRASH_TEXT if t in rec["stderr"]]
+    for key in ("fds", "threads"):
+        assert out["recorder_after"][key] == out["recorder_before"][key]
+    last = [json.loads(line)["loading"][0]["percent"] for line in rec["stdout"].splitlines()[-20:]]
+    assert max(last) == 100 and last[-1] == 0, last
 
 
 def test_fifo_burst_while_sampling(run_on_board, binary, tmp_path):
