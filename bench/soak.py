@@ -5,14 +5,17 @@
                   [--scenario NAME ...]
 
 Runs the monitor in batch mode (-b -d 1000, stdout to <out>/frames-<scenario>.txt)
-on one simulated board per scenario (default dsp_churn and faults, all at once)
-for the duration, and every 10 s samples, from the host, the monitor's resident
-memory (VmRSS), open descriptors (/proc/<pid>/fd) and threads, and counts the
-frames drawn so far; time 0 is the first frame. The board's PID namespace does
+and beside it the recorder (-d 1000, CSV to <out>/record-<scenario>.csv) on one
+simulated board per scenario (default dsp_churn and faults, all at once) for the
+duration, and every 10 s samples, from the host, the resident memory (VmRSS),
+open descriptors (/proc/<pid>/fd) and threads of both, and counts the frames
+drawn so far; time 0 is the first frame. The recorder keeps no descriptor of an
+ended client, so all its figures must stay flat. The board's PID namespace does
 not hide the monitor from the host: its host pid is the process whose argv[0]
 is the binary and whose environment names the board's folder.
 
-Writes <out>/soak-<scenario>.csv (time_s, rss_kb, fds, threads, frames) and one
+Writes <out>/soak-<scenario>.csv (time_s, rss_kb, fds, threads, frames, then the
+recorder's rss_kb, fds, threads) and one
 plot <out>/soak.png (RSS, descriptors, threads over time, a line per scenario),
 and prints per scenario and metric the first and last values and the
 least-squares slope per hour. Boards are kept in <out>/board-<scenario> (logs).
@@ -162,12 +165,15 @@ class Board:
             self.per_client = pidfds_per_client(json.load(f))
         self.frames_path = os.path.join(args.out, f"frames-{name}.txt")
         self.stderr_path = os.path.join(args.out, f"stderr-{name}.txt")
+        self.recorder = os.path.join(args.build_dir, "kvt_zqp_record")
+        record_path = os.path.join(args.out, f"record-{name}.csv")
         cmd = [os.path.join(REPO, "sim", "run-board"), "--scenario", scen, "--build-dir",
-               args.build_dir, "--workdir", self.workdir, "--", binary, "-b", "-d", "1000",
-               "-t", str(seconds)]
+               args.build_dir, "--workdir", self.workdir, "--", "/bin/sh", "-c",
+               '"$0" -d 1000 -t "$2" -o "$3" & exec "$1" -b -d 1000 -t "$2"', self.recorder,
+               binary, str(seconds), record_path]
         with open(self.frames_path, "wb") as so, open(self.stderr_path, "wb") as se:
             self.proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=so, stderr=se)
-        self.pid = None
+        self.pid = self.recorder_pid = None
         self.rows = []
         self.clients_first = self.clients_last = None  # indices of clients holding a slot
         self.fds_first = self.fds_last = None
@@ -176,7 +182,8 @@ class Board:
         self.ended_early = None
         self.csv = open(os.path.join(args.out, f"soak-{name}.csv"), "w", newline="")
         self.writer = csv.writer(self.csv)
-        self.writer.writerow(("time_s",) + METRICS + ("frames",))
+        self.writer.writerow(("time_s",) + METRICS + ("frames",) +
+                             tuple("recorder_" + m for m in METRICS))
 
     def count_frames(self):
         with open(self.frames_path, "rb") as f:
@@ -198,7 +205,9 @@ class Board:
         try:
             fds = fd_targets(self.pid)
             row = (round(t, 1), status_field(self.pid, "VmRSS"), len(fds),
-                   status_field(self.pid, "Threads"), self.count_frames())
+                   status_field(self.pid, "Threads"), self.count_frames(),
+                   status_field(self.recorder_pid, "VmRSS"), len(fd_targets(self.recorder_pid)),
+                   status_field(self.recorder_pid, "Threads"))
         except OSError as e:
             self.ended_early = f"monitor gone at {t:.0f} s ({e}), run-board {self.proc.poll()}"
             return
@@ -236,10 +245,13 @@ def report(b, seconds):
     if len(b.rows) < 2:
         return
     ts = [r[0] for r in b.rows]
-    for i, m in enumerate(METRICS, 1):
-        ys = [r[i] for r in b.rows]
-        print(f"   {m:8} first {ys[0]:>7}  last {ys[-1]:>7}  min {min(ys):>7}  max {max(ys):>7}"
-              f"  slope {slope_per_hour(ts, ys):+9.2f}/h")
+    for who, offset in (("monitor", 1), ("recorder", 2 + len(METRICS))):
+        for i, m in enumerate(METRICS, offset):
+            ys = [r[i] for r in b.rows]
+            print(f"   {who:8} {m:8} first {ys[0]:>7}  last {ys[-1]:>7}  min {min(ys):>7}  "
+                  f"max {max(ys):>7}  slope {slope_per_hour(ts, ys):+9.2f}/h")
+            if who == "recorder" and m != "rss_kb" and ys[-1] > ys[0] + 2:
+                print(f"   SUSPICIOUS: the recorder's {m} grew")
     first, last = fd_kinds(b.fds_first), fd_kinds(b.fds_last)
     new = b.clients_last - b.clients_first
     expected = sum(b.per_client[i] for i in new)
@@ -315,12 +327,13 @@ def main():
     boards = [Board(name, args, binary, seconds) for name in args.scenario]
     try:
         deadline = time.monotonic() + 60
-        while any(b.pid is None for b in boards):
+        while any(b.pid is None or b.recorder_pid is None for b in boards):
             for b in boards:
                 if b.pid is None and b.proc.poll() is not None:
                     sys.exit(f"soak: run-board for {b.name} ended ({b.proc.returncode}) before "
                              f"the monitor was seen; see {b.stderr_path}")
                 b.pid = b.pid or find_monitor(binary, b.workdir)
+                b.recorder_pid = b.recorder_pid or find_monitor(b.recorder, b.workdir)
             if time.monotonic() > deadline:
                 sys.exit("soak: the monitor did not appear within 60 s")
             time.sleep(0.1)
