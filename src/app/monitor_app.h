@@ -44,9 +44,9 @@ class MonitorSet {
   // Asks every monitor to stop (does not join). Idempotent; safe from the
   // signal handler.
   void Stop();
-  // For a fatal signal's handler, after Stop: ends the DDR tool's process
-  // group even when it ignores the hang-up, since the process is about to
-  // die without joining the worker that would have.
+  // For a fatal signal's handler, after Stop: kills the DDR tool's process
+  // group at once, even when it ignores the hang-up, since the process is
+  // about to die without joining the worker that would have.
   void EndToolNow();
   bool Stopped() const { return stopped.load(); }
 

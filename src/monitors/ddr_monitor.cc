@@ -173,14 +173,10 @@ bool DDRMonitor::IsAnswering(std::int64_t within_ms) const {
 }
 
 void DDRMonitor::EndToolNow() {
-  // The worker kills the group at the end of its grace; wait for that a
-  // little longer than the grace itself before doing it here.
-  constexpr int kWaitMs = kToolGraceMs + 200;
-  for (int waited = 0; waited < kWaitMs; waited += kReapPollMs) {
-    if (tool_group.load() == 0) return;
-    timespec pause{0, kReapPollMs * 1000000L};
-    nanosleep(&pause, nullptr);
-  }
+  // No grace here: waiting in the handler would let the worker run on and
+  // exit its thread while the process is being killed by the signal, a race
+  // the program never had before. The hang-up Stop just sent is all the
+  // notice a dying program can give.
   const pid_t group = tool_group.load();
   if (group > 0 && kill(-group, SIGKILL) != 0) kill(group, SIGKILL);
 }

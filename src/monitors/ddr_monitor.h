@@ -86,10 +86,10 @@ class DDRMonitor : public MonitorBase {
   // ones of a tool that ended or went quiet. Any thread.
   bool IsAnswering(std::int64_t within_ms) const;
 
-  // For a fatal signal's handler, after Stop: gives the hung-up tool the
-  // worker's grace to be reaped, then kills whatever is left of its process
-  // group, so that a tool ignoring the hang-up does not outlive the program,
-  // which is about to die without joining the worker. Async-signal-safe.
+  // For a fatal signal's handler, after Stop: kills what is left of the
+  // tool's process group at once, so that a tool ignoring the hang-up does not
+  // outlive the program, which is about to die without joining the worker.
+  // Async-signal-safe.
   void EndToolNow();
   const std::string& Command() const { return command; }
 

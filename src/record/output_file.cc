@@ -98,7 +98,11 @@ bool OutputFile::Open(const std::string& path, bool replace_in, bool stdout_clos
 }
 
 bool OutputFile::Resolve(std::string path, std::string& error) {
-  if (path.back() == '/') {
+  // A folder is refused by its own name first. (Under a user-mode emulator
+  // with a sysroot, "/" opened as a folder is the sysroot's, where the last
+  // component would then be looked up.)
+  struct stat named {};
+  if (path.back() == '/' || (stat(path.c_str(), &named) == 0 && S_ISDIR(named.st_mode))) {
     error = Failure(EISDIR);
     return false;
   }
