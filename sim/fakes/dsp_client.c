@@ -26,8 +26,10 @@
 // event, times in CLOCK_MONOTONIC nanoseconds, each written at once (a kill
 // loses nothing):
 //   start T PID SLOT MASK   slot taken and announced; MASK: the busy cores
-//   set T                   running bits set (read just after the change)
-//   clear T                 running bits cleared (likewise)
+//   set T DUE               running bits set (T read just after the change;
+//                           DUE: the time the client meant to do it, so T - DUE
+//                           is how late the machine woke it)
+//   clear T DUE             running bits cleared (likewise)
 //   exit T                  slot freed, about to return
 //   die T                   about to die by SIGKILL, bits and slot left set
 #define _GNU_SOURCE
@@ -77,6 +79,12 @@ static void log_event(const char* what, const char* rest) {
     close(g_log);
     g_log = -1;
   }
+}
+
+static void log_due(const char* what, uint64_t due) {
+  char rest[32];
+  snprintf(rest, sizeof rest, " %llu", (unsigned long long)due);
+  log_event(what, rest);
 }
 
 static void sleep_until(uint64_t t) {
@@ -224,7 +232,7 @@ int main(int argc, char** argv) {
         if (busy_cores & (1u << c))
           __atomic_fetch_or(&node[c]->running_mask, bit, __ATOMIC_SEQ_CST);
       }
-      if (!bits_set) log_event("set", "");
+      if (!bits_set) log_due("set", t);
       bits_set = 1;
       sleep_until(t + busy);
     }
@@ -237,7 +245,7 @@ int main(int argc, char** argv) {
       for (int c = 0; c < nodes; ++c) {
         __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
       }
-      if (bits_set) log_event("clear", "");
+      if (bits_set) log_due("clear", t + busy);
       bits_set = 0;
     }
     t += period;

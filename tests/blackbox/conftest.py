@@ -348,9 +348,15 @@ def check_loading(truth_loading, truth, rows):
 # when the last one exits and, restarted, continues the interrupted window).
 # Each sample's sleep overruns a little, much more on a loaded machine or under
 # an emulator, so a window lasts from one delay to WINDOW_STRETCH delays of
-# sampling (2.3 measured with three CPU hogs on two cores, under the emulator);
-# exactly where it lies is not known from outside.
+# sampling (2.3 measured with three CPU hogs on two cores, under the emulator),
+# or longer still where the clients' own wake-ups show the machine waking
+# sleepers late: a sample takes SAMPLE_PERIOD_S, plus the time the machine
+# takes to wake it (LATENCY_MARGIN times the clients' mean lateness), plus its
+# own work. Exactly where a window lies is not known from outside.
 WINDOW_STRETCH = 3.0
+SAMPLE_PERIOD_S = 0.002  # the default 500 samples a second
+SAMPLE_WORK_S = 0.00015 if EMULATED else 0.00005
+LATENCY_MARGIN = 1.5
 # A client is watched from its fifo message, written just before its "start".
 START_LEAD_S = 0.01
 # The monitor goes idle at the last client's exit; a frame this long after it
@@ -429,10 +435,21 @@ class DspActivity:
         self.t0 = board_clock_start(workdir)
         self.started_by = started_by
         self.clients = []  # (start, end, died, cores, busy spans)
+        late = []  # (when, how late) of each wake-up a client logged
         for path in sorted((Path(workdir) / "logs").glob("dsp_busy_*.log")):
-            client = self._read(path.read_text())
+            text = path.read_text()
+            client = self._read(text)
             if client[0] is not None:  # it never took a slot
                 self.clients.append(client)
+            for line in text.splitlines():
+                what, *times = line.split()
+                if what in ("set", "clear") and len(times) == 2:
+                    late.append((int(times[0]) / 1e9, max(0, int(times[0]) - int(times[1])) / 1e9))
+        late.sort()
+        self._late_at = [t for t, _ in late]
+        self._late_sum = [0.0]
+        for _, d in late:
+            self._late_sum.append(self._late_sum[-1] + d)
         inf = float("inf")
         self.ends = sorted(end for _, end, _, _, _ in self.clients if end != inf)
         self.alive = Intervals([(start - START_LEAD_S, end)
@@ -485,6 +502,29 @@ class DspActivity:
                 [(self.sampled(a), self.sampled(e)) for a, e in zip(b.starts, b.ends)])
         return self._sampled_busy[core]
 
+    def stretch(self, at, delay_s):
+        """How many delays the windows completed shortly before `at` can have
+        lasted: WINDOW_STRETCH, or more where the clients were woken late."""
+        stretch, times, sums = WINDOW_STRETCH, self._late_at, self._late_sum
+        for _ in range(8):
+            # The worst mean lateness over a delay's span among the windows
+            # that can be the last completed by `at`.
+            worst = 0.0
+            first = bisect.bisect_left(times, at - 2 * stretch * delay_s)
+            last = bisect.bisect_right(times, at)
+            j = first
+            for i in range(first, last):
+                j = max(j, i)
+                while j < last and times[j] < times[i] + delay_s:
+                    j += 1
+                if j - i >= 5:
+                    worst = max(worst, (sums[j] - sums[i]) / (j - i))
+            wider = 1 + (LATENCY_MARGIN * worst + SAMPLE_WORK_S) / SAMPLE_PERIOD_S
+            if wider <= stretch:
+                break
+            stretch = wider
+        return stretch
+
     def expect(self, core, at, delay_s):
         """The Share a correct monitor shows for the core in a frame drawn at `at`
         with sampling windows of delay_s."""
@@ -493,7 +533,7 @@ class DspActivity:
             if not ended or at - ended[-1] >= IDLE_SETTLE_S:
                 return Share(exact_zero=True)
         sig = self.sampled(at)
-        longest = WINDOW_STRETCH * delay_s
+        longest = self.stretch(at, delay_s) * delay_s
         startup = max(0.0, (self.started_by if self.started_by is not None else
                             (self.t0 or 0.0) + STARTUP_S) - (self.t0 or 0.0))
         # No window completed yet, or a client's exit forced the figure to 0.0
@@ -502,22 +542,27 @@ class DspActivity:
                                               for e in self.ends if e <= at)
         busy = self._sampled_busy_of(core)
         edges = self._edges.setdefault(core, busy.edges())
+        # A window [s, e] on the sampler's clock: delay_s <= e - s <= longest,
+        # it ends by now (e <= sig), within one window of now (2e - s >= sig),
+        # and starts after sampling did (s >= 0). Inside a cell of the busy
+        # edges the share is a ratio of two linear functions of (s, e), so
+        # its extremes over that polygon lie at the crossings of two of these
+        # lines: a constraint's or an edge's, for either end of the window.
+        near = edges[bisect.bisect_left(edges, sig - 2 * longest):bisect.bisect_right(edges, sig)]
+        lines = ([(1, 0, x) for x in near] + [(0, 1, x) for x in near] +
+                 [(-1, 1, delay_s), (-1, 1, longest), (0, 1, sig), (-1, 2, sig), (1, 0, 0.0)])
+        eps = 1e-9
         shares = []
-        steps = 8
-        for i in range(steps + 1):
-            length = delay_s + (longest - delay_s) * i / steps
-            # The last window completed ends within one window of now, and no
-            # window starts before the sampling did.
-            first, last = max(length, sig - length), sig
-            if first > last:
-                continue
-            # The share is piecewise linear in the window's end: its extremes
-            # are where either end of the window meets an edge of the busy time.
-            ends = {first, last}
-            ends.update(edges[bisect.bisect_left(edges, first):bisect.bisect_right(edges, last)])
-            ends.update(x + length for x in edges[bisect.bisect_left(edges, first - length):
-                                                  bisect.bisect_right(edges, last - length)])
-            shares += [100.0 * busy.measure(e - length, e) / length for e in ends]
+        for i, (a1, b1, c1) in enumerate(lines):
+            for a2, b2, c2 in lines[i + 1:]:
+                det = a1 * b2 - a2 * b1
+                if det == 0:
+                    continue
+                s = (c1 * b2 - c2 * b1) / det
+                e = (a1 * c2 - a2 * c1) / det
+                if (delay_s - eps <= e - s <= longest + eps and e <= sig + eps and
+                        2 * e - s >= sig - eps and s >= -eps):
+                    shares.append(100.0 * busy.measure(s, e) / (e - s))
         if not shares:
             return Share(zero=zero)
         return Share(min(shares), max(shares), zero)
@@ -527,6 +572,14 @@ class DspActivity:
         label's number) for a frame drawn at `at`."""
         return {label: self.expect(int(re.sub(r"^\D+", "", label)), at, delay_s)
                 if want == CLIENTS else want for label, want in truth_loading.items()}
+
+
+def dsp_busy_share(workdir, t0, t1, core):
+    """The busy share (percent) the board's simulated DSP clients really produced
+    on DSP core `core` between t0 and t1 (time.monotonic() seconds: CLOCK_MONOTONIC,
+    the clock of the clients' logs). workdir is the board's folder (BoardRun.workdir,
+    or KZM_SIM_WORKDIR on the board); its logs/dsp_busy_<i>.log are read."""
+    return DspActivity(workdir).share(core, t0, t1)
 
 
 def wall_to_monotonic(wall):
