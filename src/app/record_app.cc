@@ -17,6 +17,7 @@
 #include "base/fatal_signals.h"
 #include "base/log.h"
 #include "monitor/monitor_config.h"
+#include "monitors/dsp_node_reader.h"
 #include "record/record.h"
 
 namespace kestro::zqp::monitor {
@@ -24,12 +25,14 @@ namespace {
 
 constexpr char kProgram[] = "kvt_zqp_record";
 constexpr int kFormatOption = 256;
+constexpr int kSummaryOption = 257;
 
 const option kRecordOptions[] = {
     {"help", no_argument, nullptr, 'h'},
     {"verbose", no_argument, nullptr, 'v'},
     {"output", required_argument, nullptr, 'o'},
     {"format", required_argument, nullptr, kFormatOption},
+    {"summary", required_argument, nullptr, kSummaryOption},
     {"delay", required_argument, nullptr, 'd'},
     {"freq", required_argument, nullptr, 'f'},
     {"number", required_argument, nullptr, 'n'},
@@ -40,7 +43,9 @@ const option kRecordOptions[] = {
 
 constexpr char kRecordUsage[] =
     "Usage: kvt_zqp_record [OPTION...]\n"
-    "Record the figures of kvt_zqp_monitor's report, one record per interval.\n"
+    "  or:  kvt_zqp_record [OPTION...] [--] COMMAND [ARG...]\n"
+    "Record the figures of kvt_zqp_monitor's report, one record per interval;\n"
+    "with a COMMAND, while it runs, then print a summary of its run on stderr.\n"
     "\n"
     "  -o, --output FILE      write to FILE (default: standard output)\n"
     "      --format FORMAT    csv (default), jsonl or prometheus; with -o, a prometheus\n"
@@ -53,10 +58,16 @@ constexpr char kRecordUsage[] =
     "  -e, --enable LIST      engines to record, comma-separated, any case: ypu, dsp,\n"
     "                         gdc, isp, jpu, pym, stitch, vpu (default: all present)\n"
     "  -v, --verbose          print the settings and informational messages on stderr\n"
+    "      --summary FILE     with a COMMAND, also write the summary to FILE as JSON\n"
     "  -h, --help             print this help and exit\n"
     "\n"
     "Without -n or -t the recording runs until SIGINT or SIGTERM, which end it\n"
-    "after the record in hand with status 0. A failed write ends it with status 1.\n";
+    "after the record in hand with status 0. A failed write ends it with status 1.\n"
+    "\n"
+    "With a COMMAND, records go to -o only when it is given; the recording ends\n"
+    "when the command does, with its exit status (128+N when signal N killed it;\n"
+    "126 or 127 when it cannot be run). SIGINT, SIGTERM, SIGHUP and SIGQUIT are\n"
+    "passed on to the command. -n and -t cannot be combined with a command.\n";
 
 bool ParseFormat(std::string_view text, record::Format& format) {
   if (text == "csv") {
@@ -99,9 +110,12 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
   // The recorder runs beside the monitor: it reads the board and writes
   // nothing there but its own output.
   option.monitor.read_only = true;
+  bool count_given = false;
   int code;
+  // "+": the first word that is not an option starts the command, whose own
+  // options are its own.
   while (option.valid &&
-         (code = getopt_long(argc, argv, "hvo:d:f:n:t:e:", kRecordOptions, nullptr)) != -1) {
+         (code = getopt_long(argc, argv, "+hvo:d:f:n:t:e:", kRecordOptions, nullptr)) != -1) {
     switch (code) {
       case 'h':
         std::fputs(kRecordUsage, stdout);
@@ -117,6 +131,13 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kFormatOption:
         option.valid = ParseFormat(optarg, option.format);
         break;
+      case kSummaryOption:
+        option.summary = optarg;
+        if (*optarg == '\0') {
+          LogError("%s: the summary file name is empty\n", kProgram);
+          option.valid = false;
+        }
+        break;
       case 'e':
         option.valid = ApplySharedOption(code, optarg, option.monitor);
         // The monitor refuses an empty list without a word; say why here.
@@ -124,11 +145,14 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
           LogError("%s: the engine list is empty\n", kProgram);
         }
         break;
+      case 'n':
+      case 't':
+        count_given = true;
+        option.valid = ApplySharedOption(code, optarg, option.monitor);
+        break;
       case 'v':
       case 'd':
       case 'f':
-      case 'n':
-      case 't':
         option.valid = ApplySharedOption(code, optarg, option.monitor);
         break;
       default:  // '?': getopt printed what is wrong
@@ -136,8 +160,13 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         option.valid = false;
     }
   }
-  if (option.valid && optind < argc) {
-    LogError("%s: unexpected argument '%s'\n", kProgram, argv[optind]);
+  if (option.valid) option.command.assign(argv + optind, argv + argc);
+  if (option.valid && !option.command.empty() && count_given) {
+    LogError("%s: -n and -t cannot be combined with a command\n", kProgram);
+    option.valid = false;
+  }
+  if (option.valid && option.command.empty() && !option.summary.empty()) {
+    LogError("%s: --summary needs a command to summarise\n", kProgram);
     option.valid = false;
   }
   if (option.valid) option.valid = FinishSharedOptions(option.monitor, true);
@@ -164,22 +193,35 @@ bool RecordApp::Init() {
   LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
   LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
 
+  // A wrapped command owns standard output: records go only to a named file.
+  const bool with_command = !option.command.empty();
+  writing = !with_command || !option.output.empty();
   std::string error;
-  if (!output.Open(option.output, option.format == record::Format::kPrometheus,
-                   option.stdout_closed, error)) {
+  if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
+                              option.stdout_closed, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
+  // Opened before the command runs, so that a bad name costs no run.
+  if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
     return false;
   }
 
   // The monitor's handler stops the monitors on a fatal signal. A signal that
   // was ignored at start (SIGHUP under nohup) stays ignored, except SIGINT and
-  // SIGTERM, which end the run.
-  sigset_t ignored;
+  // SIGTERM, which end the run. A command is started with the same ones
+  // ignored.
+  sigset_t ignored, ignored_at_start;
   sigemptyset(&ignored);
-  for (int sig = 1; sig < 32; ++sig) {
+  sigemptyset(&ignored_at_start);
+  for (int sig = 1; sig < NSIG; ++sig) {
     struct sigaction action {};
-    if ((kFatalSignalMask & (1u << sig)) && sig != SIGINT && sig != SIGTERM &&
-        sigaction(sig, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+    if (sigaction(sig, nullptr, &action) != 0 || action.sa_handler != SIG_IGN) continue;
+    sigaddset(&ignored_at_start, sig);
+    if (sig < 32 && (kFatalSignalMask & (1u << sig)) && sig != SIGINT && sig != SIGTERM) {
       sigaddset(&ignored, sig);
     }
   }
@@ -195,38 +237,81 @@ bool RecordApp::Init() {
   signal(SIGXFSZ, SIG_IGN);
   // SIGINT and SIGTERM are blocked before any thread starts (threads inherit
   // the mask) and read by the loop, so a record in hand is always finished.
+  // With a command, SIGHUP and SIGQUIT too (unless ignored): all four are for
+  // the command, and the recording ends when it does.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
   sigaddset(&stop_signals, SIGTERM);
+  if (with_command) {
+    for (const int sig : {SIGHUP, SIGQUIT}) {
+      if (sigismember(&ignored, sig) != 1) sigaddset(&stop_signals, sig);
+    }
+  }
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal_fd = signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signal_fd < 0) {
     LogError("%s: signalfd failed: %s\n", kProgram, std::strerror(errno));
+    command_status = 1;
     return false;
   }
   runner->AddTask(signal_fd, [this](int fd) { OnStopSignal(fd); });
 
+  command_status = 1;
   if (!monitor_set.Create(option.monitor, runner)) return false;
   start = std::chrono::steady_clock::now();
-  if (option.format == record::Format::kCsv) {
-    layout = record::LayoutOf(
-        record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), 0));
+  // Before the command: the CSV's columns, the heaps' start, and the start
+  // of the first interval.
+  const record::Record before =
+      record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), 0, intervals);
+  summary.Begin(before);
+  if (writing && option.format == record::Format::kCsv) {
+    layout = record::LayoutOf(before);
     if (!Emit(record::CsvHeader(layout))) return false;
   }
   if (timer.Create() != 0 || timer.SetPeriod(option.monitor.delay_ms) != 0) {
     LogError("%s: timer failed: %s\n", kProgram, std::strerror(errno));
     return false;
   }
+  if (with_command && !StartCommand(ignored_at_start)) return false;
+  command_status = 0;
   runner->AddTask(timer.Fd(), [this](int fd) { OnTimer(fd); });
   initialised = true;
   return true;
 }
 
+bool RecordApp::StartCommand(const sigset_t& ignored) {
+  command_status = command.Start(option.command, ignored);
+  if (command_status != 0) return false;
+  if (command.Descriptor() >= 0) {
+    runner->AddTask(command.Descriptor(), [this](int) { OnCommandEnd(); });
+  }
+  return true;
+}
+
 int RecordApp::Run() {
-  if (!initialised) return 1;
+  if (!initialised) return command_status;
   runner->Run();
-  return failed ? 1 : 0;
+  if (option.command.empty()) return failed ? 1 : 0;
+  // Stopped before the summary, so the DDR tool is not left running while
+  // it is written.
+  monitor_set.Stop();
+  std::vector<record::DspClient> clients;
+  for (const auto& monitor : monitor_set.Monitors()) {
+    if (const auto* reader = dynamic_cast<const DspNodeReader*>(monitor.get())) {
+      for (const auto& client : reader->SeenClients()) clients.push_back({client.pid, client.name});
+    }
+  }
+  summary.SetDspClients(std::move(clients));
+  const record::CommandOutcome outcome{option.command, command_status, killed_by,
+                                       command.WallSeconds(), option.monitor.delay_ms};
+  const std::string table = summary.Table(outcome);
+  std::fputs(("\n" + table).c_str(), stderr);
+  std::string error;
+  if (!option.summary.empty() && !summary_file.Write(summary.Json(outcome), error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+  }
+  return command_status;
 }
 
 std::int64_t RecordApp::ElapsedMs() const {
@@ -241,8 +326,22 @@ void RecordApp::OnTimer(int fd) {
   if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
     LogError("Read timer expire time failed\n");
   }
-  const record::Record record =
-      record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), ElapsedMs());
+  if (!option.command.empty() && command.Running() && command.Descriptor() < 0 &&
+      command.HasEnded()) {
+    OnCommandEnd();
+    return;
+  }
+  TakeAndWrite();
+  if (option.command.empty() && option.monitor.iterations <= ++records) runner->Stop();
+}
+
+void RecordApp::TakeAndWrite() {
+  const std::int64_t elapsed_ms = ElapsedMs();
+  const record::Record record = record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(),
+                                                   memory, WallMs(), elapsed_ms, intervals);
+  if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
+  last_record_ms = elapsed_ms;
+  if (!writing) return;
   std::string text;
   switch (option.format) {
     case record::Format::kCsv:
@@ -255,16 +354,30 @@ void RecordApp::OnTimer(int fd) {
       text = record::PrometheusText(record);
       break;
   }
-  if (!Emit(text)) return;
-  if (option.monitor.iterations <= ++records) runner->Stop();
+  Emit(text);
+}
+
+void RecordApp::OnCommandEnd() {
+  if (command.Descriptor() >= 0) runner->RemoveTask(command.Descriptor());
+  command_status = command.Reap(killed_by);
+  // The last record covers the command's end.
+  TakeAndWrite();
+  runner->Stop();
 }
 
 void RecordApp::OnStopSignal(int fd) {
   signalfd_siginfo info{};
-  if (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+  if (read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
+  if (option.command.empty()) {
     LogVerbose("signal %u: recording ends\n", info.ssi_signo);
+    runner->Stop();
+    return;
   }
-  runner->Stop();
+  // The terminal sends its signals to the whole foreground process group,
+  // the command included: passing such a one on would deliver it twice.
+  if (info.ssi_code == SI_KERNEL) return;
+  LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
+  command.Forward(static_cast<int>(info.ssi_signo));
 }
 
 bool RecordApp::Emit(const std::string& text) {
@@ -272,7 +385,9 @@ bool RecordApp::Emit(const std::string& text) {
   if (output.Write(text, error)) return true;
   LogError("%s: %s\n", kProgram, error.c_str());
   failed = true;
-  runner->Stop();
+  // A wrapped command goes on; only the recording to the file ends.
+  writing = false;
+  if (option.command.empty()) runner->Stop();
   return false;
 }
 

@@ -8,11 +8,15 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/monitor_app.h"
+#include "app/wrapped_command.h"
 #include "base/monitor_option.h"
 #include "monitors/memory_usage.h"
 #include "record/output_file.h"
+#include "record/record.h"
+#include "record/summary.h"
 #include "record/writers.h"
 #include "runner/watch_task_runner.h"
 
@@ -28,9 +32,14 @@ struct RecordOption {
   // Standard output was closed at start (and is now /dev/null): refused as
   // the output.
   bool stdout_closed = false;
+  // The command to run and summarise (after the options, or after "--");
+  // empty for a plain recording.
+  std::vector<std::string> command;
+  std::string summary;  // --summary: the summary's JSON goes there too
 };
 
-// Parses argv. -h prints the usage on stdout and ends the process with status
+// Parses argv; options end at "--" or the first word that is not one, which
+// starts the command. -h prints the usage on stdout and ends the process with status
 // 0. A bad option or value prints one message on stderr (the monitor's for the
 // options it shares) and returns with valid false.
 RecordOption ParseRecordOptions(int argc, char** argv);
@@ -46,15 +55,24 @@ class RecordApp {
 
   // Opens the output, routes SIGINT and SIGTERM to the loop and the other
   // fatal signals to the monitor's handler, creates and starts the monitors,
-  // writes the CSV header and starts the timer. False after a message.
+  // writes the CSV header, starts the command if there is one and the timer.
+  // False after a message; Run then returns the exit status.
   bool Init();
   // Runs until the last record, SIGINT or SIGTERM, or a failed write; returns
-  // the exit status: 0, or 1 after a failed write.
+  // the exit status: 0, or 1 after a failed write. With a command: runs until
+  // the command ends, passing SIGINT, SIGTERM, SIGHUP and SIGQUIT on to it,
+  // prints the summary and returns the command's status (128 + N when signal
+  // N killed it); 126 or 127 when it could not be started.
   int Run();
 
  private:
   void OnTimer(int fd);
   void OnStopSignal(int fd);
+  void OnCommandEnd();
+  // Takes a record; writes it when there is an output; adds it to the
+  // summary when a command runs.
+  void TakeAndWrite();
+  bool StartCommand(const sigset_t& ignored);
   // Writes text as one record; on failure prints why and ends the loop.
   bool Emit(const std::string& text);
   std::int64_t ElapsedMs() const;
@@ -65,6 +83,15 @@ class RecordApp {
   MemoryUsage memory;
   record::OutputFile output;
   record::CsvLayout layout;
+  record::LoadingIntervals intervals;
+  record::RunSummary summary;
+  record::OutputFile summary_file;
+  WrappedCommand command;
+  int command_status = 0;
+  int killed_by = 0;
+  std::int64_t last_record_ms = 0;
+  // An output was asked for (always, without a command) and no write failed.
+  bool writing = true;
   PeriodicTimer timer;
   int signal_fd = -1;
   std::chrono::steady_clock::time_point start;

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   if (!option.valid) return 1;
   option.stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
   kestro::zqp::monitor::RecordApp session(option);
-  if (!session.Init()) return 1;
+  // Without Init, Run returns the status of what failed.
+  session.Init();
   return session.Run();
 }

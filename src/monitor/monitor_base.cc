@@ -75,6 +75,7 @@ void MonitorBase::JoinThreads() {
 void MonitorBase::SetLoadingNum(std::uint32_t n) {
   loading_num = n;
   loading.assign(n, NoFigure());
+  busy_total.assign(n, 0);
 }
 
 float MonitorBase::NoFigure() const {
@@ -113,6 +114,31 @@ std::vector<float> MonitorBase::LoadingSnapshot() const {
   std::vector<float> values(loading.size());
   for (std::size_t i = 0; i < values.size(); ++i) values[i] = GetLoading(i);
   return values;
+}
+
+void MonitorBase::CountBusy(std::uint32_t core) {
+  if (core < busy_total.size()) {
+    std::atomic_ref<std::uint64_t>(busy_total[core])
+        .store(busy_total[core] + 1, std::memory_order_relaxed);
+  }
+}
+
+void MonitorBase::CountSample() {
+  // Published after the busy counts: a reader that loads the busy counts
+  // after this never sees fewer samples than busy ones for long.
+  std::atomic_ref<std::uint64_t>(samples_total).store(samples_total + 1, std::memory_order_release);
+}
+
+MonitorBase::SampleCounts MonitorBase::CountsSnapshot() const {
+  SampleCounts counts;
+  counts.samples = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(samples_total))
+                       .load(std::memory_order_acquire);
+  counts.busy.resize(busy_total.size());
+  for (std::size_t i = 0; i < busy_total.size(); ++i) {
+    counts.busy[i] = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(busy_total[i]))
+                         .load(std::memory_order_relaxed);
+  }
+  return counts;
 }
 
 }  // namespace kestro::zqp

@@ -58,6 +58,18 @@ class MonitorBase {
   // Atomic copy of every slot.
   std::vector<float> LoadingSnapshot() const;
 
+  // What a sampler has taken since its slots were sized: samples, and per
+  // core the busy ones among them. Differences of two snapshots give the
+  // share over exactly the time between them, whatever the sampler's own
+  // window. Monitors that do not sample have samples 0 and no busy counts.
+  struct SampleCounts {
+    std::uint64_t samples = 0;
+    std::vector<std::uint64_t> busy;
+  };
+  SampleCounts CountsSnapshot() const;
+  // True for monitors whose figures come from their own samples.
+  virtual bool IsSampler() const { return false; }
+
  protected:
   // Sleeps ms milliseconds, resuming after a signal for the time left; any
   // other failure ends the sleep early and the caller's loop goes on.
@@ -65,6 +77,10 @@ class MonitorBase {
   // What a slot holds when there is no figure to vouch for: 0 for the
   // monitor, whose report always shows a number; NaN for a read-only program.
   float NoFigure() const;
+  // The sampler's worker, in one pass: CountBusy for each core found busy,
+  // then CountSample. Plain stores: the worker is the only writer.
+  void CountBusy(std::uint32_t core);
+  void CountSample();
 
   std::shared_ptr<WatchTaskRunner> runner;
   std::vector<std::function<void()>> tasks;
@@ -72,6 +88,10 @@ class MonitorBase {
   // Written by workers and read by the report only through std::atomic_ref,
   // so the layout stays a plain vector of 32-bit floats.
   std::vector<float> loading;
+  // CountSample's totals, written by the one worker and read by
+  // CountsSnapshot through std::atomic_ref; sized with the slots.
+  std::vector<std::uint64_t> busy_total;
+  std::uint64_t samples_total = 0;
   std::string name;
   std::uint32_t frequency;
   std::uint32_t delay;

@@ -17,7 +17,10 @@ void StatusMonitor::Sample() {
   ++sample_count;
   const bool interval_done = sample_count >= samples_per_interval;
   for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
-    busy_counts[i] += IsCoreBusy(i) ? 1 : 0;
+    if (IsCoreBusy(i)) {
+      ++busy_counts[i];
+      CountBusy(i);
+    }
     if (interval_done) {
       loading_values[i] =
           static_cast<float>(busy_counts[i]) / static_cast<float>(sample_count) * 100.0f;
@@ -25,6 +28,7 @@ void StatusMonitor::Sample() {
       SetLoading(i, loading_values[i]);
     }
   }
+  CountSample();
   if (interval_done) sample_count = 0;
 }
 

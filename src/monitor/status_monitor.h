@@ -28,6 +28,7 @@ class StatusMonitor : public MonitorBase {
   // Worker body: samples until the stop flag is seen between passes.
   virtual void Run();
 
+  bool IsSampler() const override { return true; }
   std::uint32_t SamplesPerInterval() const { return samples_per_interval; }
 
  protected:

@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string>
 
+#include "base/board_path.h"
 #include "monitors/dsp_process_table.h"
 
 namespace kestro::zqp {
@@ -27,6 +29,20 @@ std::int64_t SteadyMs() {
 std::uint32_t LoadWord(const std::uint32_t& word) {
   // The runtime writes these words in another process while we read them.
   return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(word)).load();
+}
+
+// The process's command name, as the kernel keeps it (at most 15 bytes).
+std::string CommandName(std::int32_t pid) {
+  const int fd =
+      open(BoardPath("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  char text[64];
+  const ssize_t got = read(fd, text, sizeof text);
+  close(fd);
+  if (got <= 0) return {};
+  std::string name(text, static_cast<std::size_t>(got));
+  if (name.back() == '\n') name.pop_back();
+  return name;
 }
 
 }  // namespace
@@ -81,6 +97,11 @@ void DspNodeReader::Run() {
     for (std::uint32_t i = 0; i < samples; ++i) Sample();
     since_refresh += samples * period;
   }
+}
+
+std::vector<DspNodeReader::Client> DspNodeReader::SeenClients() const {
+  const std::lock_guard<std::mutex> hold(seen_mutex_);
+  return seen_;
 }
 
 void DspNodeReader::MapNode(std::uint32_t core, std::int64_t now_ms) {
@@ -146,6 +167,11 @@ void DspNodeReader::Refresh() {
           continue;
         }
         pidfds_.emplace(pid, fd);
+        const std::lock_guard<std::mutex> hold(seen_mutex_);
+        if (std::none_of(seen_.begin(), seen_.end(),
+                         [pid](const Client& client) { return client.pid == pid; })) {
+          seen_.push_back({pid, CommandName(pid)});
+        }
       }
       live |= 1u << slot;
     }

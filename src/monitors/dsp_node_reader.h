@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -52,6 +54,14 @@ class DspNodeReader : public StatusMonitor {
   // worker runs).
   void Refresh();
 
+  struct Client {
+    std::int32_t pid = 0;
+    std::string name;  // /proc/PID/comm without its newline; empty when unreadable
+  };
+  // Every live process seen holding a slot since construction, in the order
+  // first seen. Any thread.
+  std::vector<Client> SeenClients() const;
+
   // Inspection, while no worker runs.
   std::size_t WatchedProcessCount() const { return pidfds_.size(); }
   std::uint32_t LiveSlots(std::uint32_t core) const { return cores_[core].live_mask->load(); }
@@ -76,6 +86,8 @@ class DspNodeReader : public StatusMonitor {
   std::unordered_map<std::int32_t, int> pidfds_;
   // Holders known to have ended while a slot still names them.
   std::unordered_set<std::int32_t> dead_;
+  mutable std::mutex seen_mutex_;
+  std::vector<Client> seen_;  // under seen_mutex_
 };
 
 }  // namespace kestro::zqp

@@ -2,18 +2,37 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace kestro::zqp::record {
 
+std::vector<float> LoadingIntervals::Since(std::size_t index, const MonitorBase& monitor) {
+  if (!monitor.IsSampler()) return monitor.LoadingSnapshot();
+  if (last_.size() <= index) last_.resize(index + 1);
+  MonitorBase::SampleCounts now = monitor.CountsSnapshot();
+  MonitorBase::SampleCounts& before = last_[index];
+  before.busy.resize(now.busy.size(), 0);
+  std::vector<float> values(now.busy.size(), std::numeric_limits<float>::quiet_NaN());
+  const std::uint64_t samples = now.samples - before.samples;
+  for (std::size_t core = 0; samples != 0 && core < values.size(); ++core) {
+    // The busy counts may run one pass ahead of the sample count.
+    const std::uint64_t busy = std::min(now.busy[core] - before.busy[core], samples);
+    values[core] = static_cast<float>(busy) / static_cast<float>(samples) * 100.0f;
+  }
+  before = std::move(now);
+  return values;
+}
+
 Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
                   const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
-                  std::int64_t elapsed_ms) {
+                  std::int64_t elapsed_ms, LoadingIntervals& intervals) {
   constexpr std::uint64_t kMiB = 1u << 20;
   Record record;
   record.wall_ms = wall_ms;
   record.elapsed_ms = elapsed_ms;
-  for (const auto& monitor : monitors) {
-    const std::vector<float> values = monitor->LoadingSnapshot();
+  for (std::size_t index = 0; index < monitors.size(); ++index) {
+    const auto& monitor = monitors[index];
+    const std::vector<float> values = intervals.Since(index, *monitor);
     for (std::size_t core = 0; core < values.size(); ++core) {
       record.loading.push_back({monitor->Name(), static_cast<std::uint32_t>(core), values[core]});
     }

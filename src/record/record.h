@@ -44,13 +44,28 @@ struct Record {
   std::vector<ProcessFigure> processes;  // by pid
 };
 
+// The loading of sampling monitors (YPU, DSP) over exactly the time between
+// two records, from the samplers' running counts, whatever their own windows:
+// a step in load shows in the first record after it.
+class LoadingIntervals {
+ public:
+  // Each core's busy share (percent) of monitor `index` (its place in the
+  // monitor list) since the previous call for that index, or since sampling
+  // began; NaN when no sample was taken in between. A monitor that does not
+  // sample gives its loading slots as they are.
+  std::vector<float> Since(std::size_t index, const MonitorBase& monitor);
+
+ private:
+  std::vector<MonitorBase::SampleCounts> last_;
+};
+
 // The figures of one report frame, taken as DrawFrame takes them: every
-// monitor's loading snapshot, the DDR figures (MiB/s, scaled to bytes/s), one
-// CollectMemoryUsage, after which the process table is emptied as after a
-// frame, so that the next collection starts from an empty table.
+// monitor's loading (LoadingIntervals for the samplers), the DDR figures (MiB/s, scaled to
+// bytes/s), one CollectMemoryUsage, after which the process table is emptied as after a frame, so
+// that the next collection starts from an empty table.
 Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
                   const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
-                  std::int64_t elapsed_ms);
+                  std::int64_t elapsed_ms, LoadingIntervals& intervals);
 
 // "YPU0": the report's row label.
 std::string Label(const LoadingFigure& figure);

@@ -140,14 +140,15 @@ TEST(RecordTest, LeavesOutWhatIsNotCurrent) {
   const std::string heaps = "/sys/kernel/debug/ion/heaps/all_heap_info";
   board.WriteFile(heaps, "the heap id is 6\nheap total size 4096\n");
   MemoryUsage memory;
+  LoadingIntervals intervals;
   for (const bool live : {true, false}) {
-    const Record record = TakeRecord({}, {true, live, 3, 4}, memory, 0, 0);
+    const Record record = TakeRecord({}, {true, live, 3, 4}, memory, 0, 0, intervals);
     EXPECT_EQ(record.ddr_ready, live);
     EXPECT_EQ(record.ddr_read_bytes_per_s, 3u << 20);
     EXPECT_EQ(record.heaps.size(), 1u);
   }
   std::filesystem::remove(board.Path() + heaps);
-  EXPECT_TRUE(TakeRecord({}, {true, true, 3, 4}, memory, 0, 0).heaps.empty());
+  EXPECT_TRUE(TakeRecord({}, {true, true, 3, 4}, memory, 0, 0, intervals).heaps.empty());
   EXPECT_EQ(memory.heap_total[0], 4096u);
 }
 

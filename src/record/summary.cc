@@ -1,0 +1,296 @@
+#include "record/summary.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "display/format_size.h"
+#include "monitors/memory_usage.h"
+#include "record/writers.h"
+
+namespace kestro::zqp::record {
+namespace {
+
+constexpr std::size_t kWidth = 80;
+constexpr int kLabelWidth = 18;
+
+std::string Printf(const char* format, auto... args) {
+  char text[256];
+  std::snprintf(text, sizeof text, format, args...);
+  return text;
+}
+
+// "12.0K", as the report scales sizes, without its padding.
+std::string Size(std::uint64_t bytes) {
+  monitor::HumanSize size{};
+  monitor::FormatSize(bytes, size);
+  std::string text = Printf("%llu.%u", static_cast<unsigned long long>(size.value), size.tenth);
+  if (size.unit != ' ') text += size.unit;
+  return text;
+}
+
+std::string SizeOr(const std::optional<std::uint64_t>& bytes) {
+  return bytes ? Size(*bytes) : "n/a";
+}
+
+std::string OneDecimal(const std::optional<double>& value) {
+  return value ? Printf("%.1f", *value) : "n/a";
+}
+
+// A label padded to the first column; a longer one keeps its length.
+std::string Row(std::string label, const std::vector<std::string>& cells, int cell_width) {
+  std::string line = "  " + label;
+  if (line.size() < kLabelWidth) line.resize(kLabelWidth, ' ');
+  for (const std::string& cell : cells) line += Printf("%*s", cell_width, cell.c_str());
+  return line + "\n";
+}
+
+// Bytes that would move the cursor or break the table are shown as '?'.
+std::string Printable(std::string_view bytes, std::size_t limit) {
+  std::string text;
+  for (const char c : bytes.substr(0, limit)) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += byte < 0x20 || byte == 0x7f ? '?' : c;
+  }
+  return text;
+}
+
+// A word as a shell would need it typed: as it is when it holds only safe
+// characters, otherwise single-quoted.
+std::string ShellWord(const std::string& word) {
+  if (!word.empty() &&
+      word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                             "_-+=./:,@%") == std::string::npos) {
+    return word;
+  }
+  std::string quoted = "'";
+  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+std::string JsonNumber(const std::optional<double>& value) {
+  const std::string text = value ? Percent(static_cast<float>(*value)) : "";
+  return text.empty() ? "null" : text;
+}
+
+std::string JsonBytes(const std::optional<std::uint64_t>& bytes) {
+  return bytes ? std::to_string(*bytes) : "null";
+}
+
+}  // namespace
+
+void RunSummary::Begin(const Record& before) {
+  for (const HeapFigure& heap : before.heaps) {
+    Heap& entry = heaps_[heap.index];
+    entry.total = heap.total_bytes;
+    entry.start = entry.peak = heap.used_bytes;
+  }
+}
+
+void RunSummary::Add(const Record& record, std::int64_t interval_ms) {
+  ++records_;
+  const double ms = static_cast<double>(std::max<std::int64_t>(interval_ms, 0));
+  for (const LoadingFigure& figure : record.loading) {
+    const std::string label = Label(figure);
+    auto core = std::find_if(cores_.begin(), cores_.end(),
+                             [&label](const Core& c) { return c.label == label; });
+    if (core == cores_.end()) core = cores_.insert(cores_.end(), Core{label, {}, 0, 0});
+    if (!std::isfinite(figure.percent)) continue;
+    core->values.push_back(figure.percent);
+    core->weighted += figure.percent * ms;
+    core->weight += ms;
+  }
+  if (record.ddr_ready) {
+    ddr_ms_ += ms;
+    read_.weighted += static_cast<double>(record.ddr_read_bytes_per_s) * ms;
+    write_.weighted += static_cast<double>(record.ddr_write_bytes_per_s) * ms;
+    read_.peak = std::max(read_.peak, record.ddr_read_bytes_per_s);
+    write_.peak = std::max(write_.peak, record.ddr_write_bytes_per_s);
+  }
+  // A heap missing from this record has no end figure, unless a later one
+  // has it again.
+  for (auto& [index, heap] : heaps_) heap.end.reset();
+  for (const HeapFigure& figure : record.heaps) {
+    Heap& heap = heaps_[figure.index];
+    heap.total = figure.total_bytes;
+    heap.end = figure.used_bytes;
+    heap.peak = std::max(heap.peak.value_or(0), figure.used_bytes);
+  }
+  for (const ProcessFigure& process : record.processes) {
+    if (process.ion_bytes == 0) continue;
+    Holder& holder = holders_[process.pid];
+    holder.name = process.name;
+    holder.peak_ion = std::max(holder.peak_ion, process.ion_bytes);
+    holder.peak_rss = std::max(holder.peak_rss, process.rss_bytes);
+  }
+}
+
+RunSummary::Stats RunSummary::StatsOf(const Core& core) {
+  Stats stats;
+  if (core.values.empty()) return stats;
+  std::vector<float> sorted = core.values;
+  std::sort(sorted.begin(), sorted.end());
+  // Nearest rank: the smallest figure at or above 95 % of the records.
+  const std::size_t rank = (sorted.size() * 95 + 99) / 100;
+  stats.p95 = sorted[std::max<std::size_t>(rank, 1) - 1];
+  stats.max = sorted.back();
+  if (core.weight > 0) {
+    stats.mean = core.weighted / core.weight;
+  } else {  // only records of no length: each counts once
+    double sum = 0;
+    for (const float value : sorted) sum += value;
+    stats.mean = sum / static_cast<double>(sorted.size());
+  }
+  return stats;
+}
+
+std::vector<std::pair<std::int32_t, RunSummary::Holder>> RunSummary::TopHolders() const {
+  std::vector<std::pair<std::int32_t, Holder>> top(holders_.begin(), holders_.end());
+  std::stable_sort(top.begin(), top.end(), [](const auto& a, const auto& b) {
+    return a.second.peak_ion > b.second.peak_ion;
+  });
+  if (top.size() > kProcessCount) top.resize(kProcessCount);
+  return top;
+}
+
+std::string RunSummary::Table(const CommandOutcome& outcome) const {
+  std::string command;
+  for (const std::string& word : outcome.argv) {
+    command += (command.empty() ? "" : " ") + Printable(ShellWord(word), kWidth);
+  }
+  std::string out = "kvt_zqp_record: " + command;
+  if (out.size() > kWidth) out = out.substr(0, kWidth - 3) + "...";
+  out += "\n";
+  if (outcome.signal != 0) {
+    out += Printf("killed by signal %d (%s), exit status %d\n", outcome.signal,
+                  strsignal(outcome.signal), outcome.exit_status);
+  } else {
+    out += Printf("exit status %d\n", outcome.exit_status);
+  }
+  out += Printf("wall time %.2f s, %u record%s of %u ms\n", outcome.wall_seconds, records_,
+                records_ == 1 ? "" : "s", outcome.interval_ms);
+
+  if (!cores_.empty()) {
+    out += "\n" + std::string("Loading (%)").append(kLabelWidth - 11, ' ') +
+           Printf("%8s%8s%8s\n", "mean", "p95", "max");
+    for (const Core& core : cores_) {
+      const Stats stats = StatsOf(core);
+      out += Row(core.label, {OneDecimal(stats.mean), OneDecimal(stats.p95), OneDecimal(stats.max)},
+                 8);
+    }
+  }
+
+  out += "\nDDR";
+  if (ddr_ms_ <= 0) {
+    out += std::string(kLabelWidth - 3, ' ') + Printf("%8s\n", "n/a");
+  } else {
+    out += std::string(kLabelWidth - 3, ' ') + Printf("%8s%8s%8s\n", "mean/s", "peak/s", "moved");
+    for (const auto& [name, direction] : {std::pair{"read", &read_}, std::pair{"write", &write_}}) {
+      const auto mean = static_cast<std::uint64_t>(direction->weighted / ddr_ms_ + 0.5);
+      const auto moved = static_cast<std::uint64_t>(direction->weighted / 1000 + 0.5);
+      out += Row(name, {Size(mean), Size(direction->peak), Size(moved)}, 8);
+    }
+  }
+
+  if (!heaps_.empty()) {
+    out += "\nION heap" + std::string(kLabelWidth - 8, ' ') +
+           Printf("%8s%8s%8s%8s%8s\n", "total", "start", "peak", "end", "kept");
+    for (const auto& [index, heap] : heaps_) {
+      std::string kept = "n/a";
+      if (heap.start && heap.end) {
+        kept = *heap.end >= *heap.start ? Size(*heap.end - *heap.start)
+                                        : "-" + Size(*heap.start - *heap.end);
+      }
+      out +=
+          Row(kHeapNames[index],
+              {Size(heap.total), SizeOr(heap.start), SizeOr(heap.peak), SizeOr(heap.end), kept}, 8);
+    }
+  }
+
+  const auto top = TopHolders();
+  if (!top.empty()) {
+    out += "\nION holders" + std::string(kLabelWidth - 11, ' ') +
+           Printf("%8s%10s%10s\n", "PID", "peak ION", "peak RSS");
+    for (const auto& [pid, holder] : top) {
+      out += Row(Printable(holder.name, 16), {std::to_string(pid)}, 8);
+      out.pop_back();
+      out += Printf("%10s%10s\n", Size(holder.peak_ion).c_str(), Size(holder.peak_rss).c_str());
+    }
+  }
+
+  out += Printf("\nDSP clients: %zu\n", dsp_clients_.size());
+  std::string line = " ";
+  for (std::size_t i = 0; i < dsp_clients_.size(); ++i) {
+    const DspClient& client = dsp_clients_[i];
+    const std::string item = " " + Printable(client.name, 16) + " (" + std::to_string(client.pid) +
+                             ")" + (i + 1 < dsp_clients_.size() ? "," : "");
+    if (line.size() + item.size() > kWidth && line.size() > 1) {
+      out += line + "\n";
+      line = " ";
+    }
+    line += item;
+  }
+  if (line.size() > 1) out += line + "\n";
+  return out;
+}
+
+std::string RunSummary::Json(const CommandOutcome& outcome) const {
+  std::string out = "{\"command\":[";
+  for (std::size_t i = 0; i < outcome.argv.size(); ++i) {
+    out += (i ? "," : "") + JsonString(outcome.argv[i]);
+  }
+  out += "],\"exit_status\":" + std::to_string(outcome.exit_status) +
+         ",\"signal\":" + (outcome.signal != 0 ? std::to_string(outcome.signal) : "null") +
+         ",\"wall_seconds\":" + Printf("%.3f", outcome.wall_seconds) +
+         ",\"records\":" + std::to_string(records_) +
+         ",\"interval_ms\":" + std::to_string(outcome.interval_ms) + ",\"loading\":{";
+  for (std::size_t i = 0; i < cores_.size(); ++i) {
+    const Stats stats = StatsOf(cores_[i]);
+    out += (i ? "," : "") + JsonString(cores_[i].label) +
+           ":{\"mean_percent\":" + JsonNumber(stats.mean) +
+           ",\"p95_percent\":" + JsonNumber(stats.p95) +
+           ",\"max_percent\":" + JsonNumber(stats.max) + "}";
+  }
+  out += "},\"ddr\":";
+  if (ddr_ms_ <= 0) {
+    out += "null";
+  } else {
+    out += "{";
+    for (const auto& [name, direction] : {std::pair{"read", &read_}, std::pair{"write", &write_}}) {
+      out += std::string(direction == &read_ ? "" : ",") + "\"" + name +
+             "\":{\"mean_bytes_per_second\":" +
+             std::to_string(static_cast<std::uint64_t>(direction->weighted / ddr_ms_ + 0.5)) +
+             ",\"peak_bytes_per_second\":" + std::to_string(direction->peak) + ",\"bytes\":" +
+             std::to_string(static_cast<std::uint64_t>(direction->weighted / 1000 + 0.5)) + "}";
+    }
+    out += "}";
+  }
+  out += ",\"heaps\":{";
+  bool first = true;
+  for (const auto& [index, heap] : heaps_) {
+    out += std::string(first ? "" : ",") + "\"" + kHeapNames[index] +
+           "\":{\"total_bytes\":" + std::to_string(heap.total) +
+           ",\"start_bytes\":" + JsonBytes(heap.start) + ",\"peak_bytes\":" + JsonBytes(heap.peak) +
+           ",\"end_bytes\":" + JsonBytes(heap.end) + "}";
+    first = false;
+  }
+  out += "},\"processes\":[";
+  first = true;
+  for (const auto& [pid, holder] : TopHolders()) {
+    out += std::string(first ? "" : ",") + "{\"pid\":" + std::to_string(pid) +
+           ",\"name\":" + JsonString(holder.name) +
+           ",\"peak_ion_bytes\":" + std::to_string(holder.peak_ion) +
+           ",\"peak_rss_bytes\":" + std::to_string(holder.peak_rss) + "}";
+    first = false;
+  }
+  out += "],\"dsp_clients\":[";
+  for (std::size_t i = 0; i < dsp_clients_.size(); ++i) {
+    out += std::string(i ? "," : "") + "{\"pid\":" + std::to_string(dsp_clients_[i].pid) +
+           ",\"name\":" + JsonString(dsp_clients_[i].name) + "}";
+  }
+  return out + "]}\n";
+}
+
+}  // namespace kestro::zqp::record
