@@ -224,8 +224,10 @@ std::string RunSummary::Table(const CommandOutcome& outcome) const {
   std::string line = " ";
   for (std::size_t i = 0; i < dsp_clients_.size(); ++i) {
     const DspClient& client = dsp_clients_[i];
-    const std::string item = " " + Printable(client.name, 16) + " (" + std::to_string(client.pid) +
-                             ")" + (i + 1 < dsp_clients_.size() ? "," : "");
+    const std::string pid = std::to_string(client.pid);
+    const std::string item =
+        " " + (client.name.empty() ? pid : Printable(client.name, 16) + " (" + pid + ")") +
+        (i + 1 < dsp_clients_.size() ? "," : "");
     if (line.size() + item.size() > kWidth && line.size() > 1) {
       out += line + "\n";
       line = " ";
