@@ -123,6 +123,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case 'o':
         // "-" is standard output, as for most tools.
         option.output = std::string_view(optarg) == "-" ? "" : optarg;
+        option.output_given = true;
         if (*optarg == '\0') {
           LogError("%s: the output file name is empty\n", kProgram);
           option.valid = false;
@@ -195,7 +196,7 @@ bool RecordApp::Init() {
 
   // A wrapped command owns standard output: records go only to a named file.
   const bool with_command = !option.command.empty();
-  writing = !with_command || !option.output.empty();
+  writing = !with_command || option.output_given;
   std::string error;
   if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
                               option.stdout_closed, error)) {

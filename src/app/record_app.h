@@ -26,7 +26,8 @@ struct RecordOption {
   // -d, -f, -n, -t, -e and -v as the monitor takes them; batch is set, since
   // there is no screen to keep the monitors' messages off.
   MonitorOption monitor;
-  std::string output;  // -o; empty for standard output
+  std::string output;         // -o; empty for standard output
+  bool output_given = false;  // -o was given, "-" included
   record::Format format = record::Format::kCsv;
   bool valid = true;
   // Standard output was closed at start (and is now /dev/null): refused as
