@@ -206,17 +206,27 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
         t["heaps"]["custom"]["used"]
 
 
-def test_plot_of_a_recorded_run(run_on_board, record_binary, tmp_path):
+# The runs to plot: one, or two overlaid, the second with one engine only.
+@pytest.mark.parametrize("runs", [{"run": []}, {"before": [], "after": ["-e", "dsp"]}],
+                         ids=["one", "overlay"])
+def test_plot_of_a_recorded_run(run_on_board, record_binary, tmp_path, runs):
     if subprocess.run(["/usr/bin/python3", "-c", "import matplotlib"]).returncode != 0:
         pytest.skip("kvt_zqp_plot needs python3-matplotlib")
-    out = tmp_path / "run.csv"
-    r = run_on_board("full", [record_binary, "-d", "200", "-n", "10", "-o", out])
-    assert r.returncode == 0, r.stderr
-    plot = subprocess.run(["/usr/bin/python3", REPO / "tools" / "kvt_zqp_plot", out, "-o",
-                           tmp_path / "run.png"], capture_output=True, text=True, timeout=120)
-    assert plot.returncode == 0, plot.stderr
+    csvs = [tmp_path / f"{name}.csv" for name in runs]
+    for out, args in zip(csvs, runs.values()):
+        r = run_on_board("full", [record_binary, "-d", "200", "-n", "10", "-o", out] + args)
+        assert r.returncode == 0, r.stderr
+    # The SVG keeps every text drawn as a comment: the legends can be read.
+    for image in ("run.png", "run.svg"):
+        plot = subprocess.run(["/usr/bin/python3", REPO / "tools" / "kvt_zqp_plot", *csvs, "-o",
+                               tmp_path / image], capture_output=True, text=True, timeout=120)
+        assert plot.returncode == 0, plot.stderr
     png = (tmp_path / "run.png").read_bytes()
     assert png[:8] == b"\x89PNG\r\n\x1a\n" and len(png) > 20000
+    svg = (tmp_path / "run.svg").read_text()
+    names = [f"{name}: " for name in runs] if len(runs) > 1 else [""]
+    assert all(f"<!-- {name}DSP0 " in svg for name in names)
+    assert ("<!-- after: YPU0 " in svg, "<!-- before: YPU0 " in svg) == (False, len(runs) > 1)
 
 
 UNTIL_THREE = 'until [ "$(cat "$2" 2>/dev/null | wc -l)" -ge 4 ]; do sleep 0.05; done; '
@@ -234,7 +244,7 @@ ENDINGS = [
      "kvt_zqp_record: format 'xml' is not one of csv, jsonl, prometheus\n", None),
     ("count-and-time", ["-n", "2", "-t", "2"], 1, "Not support setting both number and time\n",
      None),
-    ("stray-argument", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: unexpected argument 'out.csv'\n",
+    ("count-with-a-command", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: -n and -t cannot be combined with a command\n",
      None),
     ("empty-engine-list", ["-e", ""], 1, "kvt_zqp_record: the engine list is empty\n", None),
     # An engine named twice is one column; -t counts in 64 bits (5e6 s at
