@@ -14,11 +14,20 @@
 //   --period-ms MS    length of one period (default 10)
 //   --lifetime-ms MS  run this long, then end (default: until SIGTERM)
 //   --die             end by SIGKILL without cleaning up
+//   --exit-status N   status to exit with once the lifetime is over (default 0)
+//   --trap-int        leave cleanly on SIGINT, with status 0, as on SIGTERM;
+//                     otherwise SIGINT, unless ignored from the parent, ends
+//                     the client as it ends most programs: it dies of the
+//                     signal (logging "die"), leaving slot and running bits
 //   --shm-prefix S    node name prefix (default /dsp_loading_node_1_)
 //   --lock-prefix S   lock file prefix (default /var/run/dsp_loading_flock_)
 //   --fifo PATH       event fifo (default /var/run/dsp_event)
 //   --report PATH     write "pid slot" there once the slot is taken
 //   --busy-log PATH   log, as it happens, what the client really did (below)
+//   --board-log       the busy log goes to the simulated board's logs folder,
+//                     $KZM_SIM_WORKDIR/logs/dsp_busy_cmd<pid>.log: for a client
+//                     that a program on the board starts, whose truth the
+//                     tests read with those of the board's own clients
 //
 // The busy log is the ground truth of the loading a monitor should show: the
 // client runs on an ordinary, possibly loaded machine, where it wakes late and
@@ -56,10 +65,16 @@ struct loading_node {
 };
 _Static_assert(sizeof(struct loading_node) == KZM_NODE_SIZE, "node layout");
 
+// 1: leave cleanly; SIGINT_DEATH: die of SIGINT once out of the work loop.
 static volatile sig_atomic_t g_stop;
+#define SIGINT_DEATH 2
 static void on_term(int sig) {
   (void)sig;
   g_stop = 1;
+}
+static void on_int(int sig) {
+  (void)sig;
+  g_stop = SIGINT_DEATH;
 }
 
 static uint64_t now_ns(void) {
@@ -100,6 +115,9 @@ int main(int argc, char** argv) {
   uint64_t period_ms = 10;
   long lifetime_ms = -1;
   int die = 0;
+  int exit_status = 0;
+  int trap_int = 0;
+  int board_log = 0;
   const char* shm_prefix = "/dsp_loading_node_1_";
   const char* lock_prefix = "/var/run/dsp_loading_flock_";
   const char* fifo = "/var/run/dsp_event";
@@ -110,6 +128,14 @@ int main(int argc, char** argv) {
     const char* v = i + 1 < argc ? argv[i + 1] : NULL;
     if (strcmp(a, "--die") == 0) {
       die = 1;
+      continue;
+    }
+    if (strcmp(a, "--trap-int") == 0) {
+      trap_int = 1;
+      continue;
+    }
+    if (strcmp(a, "--board-log") == 0) {
+      board_log = 1;
       continue;
     }
     if (v == NULL) {
@@ -143,6 +169,8 @@ int main(int argc, char** argv) {
       report = v;
     } else if (strcmp(a, "--busy-log") == 0) {
       busy_log = v;
+    } else if (strcmp(a, "--exit-status") == 0) {
+      exit_status = atoi(v);
     } else {
       fprintf(stderr, "dsp_client: unknown option %s\n", a);
       return 2;
@@ -153,7 +181,19 @@ int main(int argc, char** argv) {
     return 2;
   }
   signal(SIGTERM, on_term);
-  signal(SIGINT, on_term);
+  // The handler only ends the work loop, so the death is logged first.
+  if (trap_int || signal(SIGINT, SIG_IGN) != SIG_IGN) signal(SIGINT, trap_int ? on_term : on_int);
+  char board_log_path[4096];
+  if (board_log) {
+    const char* workdir = getenv("KZM_SIM_WORKDIR");
+    if (workdir == NULL || *workdir == '\0') {
+      fprintf(stderr, "dsp_client: --board-log needs KZM_SIM_WORKDIR (run it on the board)\n");
+      return 2;
+    }
+    snprintf(board_log_path, sizeof board_log_path, "%s/logs/dsp_busy_cmd%d.log", workdir,
+             (int)getpid());
+    busy_log = board_log_path;
+  }
   if (busy_log != NULL) {
     g_log = open(busy_log, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (g_log < 0) {
@@ -255,6 +295,11 @@ int main(int argc, char** argv) {
     log_event("die", "");
     kill(getpid(), SIGKILL);
   }
+  if (g_stop == SIGINT_DEATH) {
+    log_event("die", "");
+    signal(SIGINT, SIG_DFL);
+    raise(SIGINT);
+  }
   for (int c = 0; c < nodes; ++c) {
     __atomic_fetch_and(&node[c]->running_mask, ~bit, __ATOMIC_SEQ_CST);
   }
@@ -266,5 +311,7 @@ int main(int argc, char** argv) {
     lockf(lock_fd[c], F_ULOCK, 0);
   }
   log_event("exit", "");
-  return 0;
+  // Only a lifetime that ran out ends with the chosen status: a client stopped
+  // by a signal it traps leaves with 0.
+  return g_stop ? 0 : exit_status;
 }

@@ -1,0 +1,207 @@
+"""kvt_zqp_record running a command on the simulated board: the command's status
+passed back, signals passed on to it, and the summary of its run against what
+the board really did (the command is itself a DSP client that logs its work)."""
+import json
+import math
+import re
+from pathlib import Path
+
+import pytest
+
+from conftest import CLIENT, CRASH_TEXT, DspActivity, tolerance
+from test_record import MIB, csv_records
+
+BOARD = "workload"
+# Busy 40 % of its 3.5 s life, then exits with 3.
+WORKLOAD = [CLIENT, "--board-log", "--duty", "40", "--lifetime-ms", "3500", "--exit-status", "3"]
+SIZE = re.compile(r"\d+\.\d[KMG]")
+
+
+def record(run_on_board, record_binary, tmp_path, options, command, driver=()):
+    """The board run of the recorder with a summary file, and that summary (None
+    when it wrote none: then the file must not exist)."""
+    summary = tmp_path / "summary.json"
+    r = run_on_board(BOARD, [*driver, record_binary, *options, "--summary", summary, "--",
+                             *command])
+    assert [t for t in CRASH_TEXT if t in r.stderr] == [], r.stderr[-500:]
+    if not summary.exists():
+        return r, None
+    text = summary.read_text()
+    assert text.endswith("}\n") and text.count("\n") == 1, text
+    return r, json.loads(text)
+
+
+def workload_client(workdir):
+    """The command's client as its busy log tells: pid, start, end, last event."""
+    [log] = (Path(workdir) / "logs").glob("dsp_busy_cmd*.log")
+    events = [line.split() for line in log.read_text().splitlines()]
+    return int(events[0][2]), int(events[0][1]) / 1e9, int(events[-1][1]) / 1e9, events[-1][0]
+
+
+def nearest_rank(values, p):
+    return sorted(values)[math.ceil(p / 100 * len(values)) - 1]
+
+
+def check_table(stderr, labels):
+    """The summary on stderr, loosely: who ran, every row, 80 columns."""
+    lines = stderr.lstrip("\n").splitlines()
+    assert lines[0].startswith("kvt_zqp_record: "), stderr
+    assert [line for line in lines if len(line) > 80] == []
+    heads = {line.split()[0] for line in lines[1:] if line.strip()}
+    assert set(labels) <= heads, (labels, stderr)
+    return {line.split()[0]: line for line in lines[1:] if line.strip()}
+
+
+def test_summary_of_a_dsp_workload(run_on_board, record_binary, truth, tmp_path):
+    t, out = truth(BOARD), tmp_path / "run.csv"
+    r, s = record(run_on_board, record_binary, tmp_path, ["-d", "500", "-o", out], WORKLOAD)
+    assert r.returncode == 3 and r.stdout == "", r.stderr
+    pid, start, end, last = workload_client(r.workdir)
+    assert last == "exit"
+    records = csv_records(out)
+    assert {k: s[k] for k in ("command", "exit_status", "signal", "records", "interval_ms")} == {
+        "command": [str(c) for c in WORKLOAD], "exit_status": 3, "signal": None,
+        "records": len(records), "interval_ms": 500}
+    # The command's run holds the client's life; the last record comes at its end.
+    assert end - start <= s["wall_seconds"] <= records[-1]["elapsed_s"] + 0.0015
+    assert s["dsp_clients"] == [{"pid": pid, "name": "kzm_dsp_client"}]
+
+    # Each figure's summary is that of the records' figures, the mean weighted
+    # by their intervals (either side rounds to tenths at most).
+    lengths = [b["elapsed_s"] - a for a, b in
+               zip([0.0] + [x["elapsed_s"] for x in records], records)]
+    assert set(s["loading"]) == set(t["rows"])
+    for label, got in s["loading"].items():
+        shown = [(w, dict(rec["loading"])[label]) for w, rec in zip(lengths, records)
+                 if dict(rec["loading"])[label] is not None]
+        assert shown, label
+        mean = sum(w * v for w, v in shown) / sum(w for w, _ in shown)
+        figures = [v for _, v in shown]
+        for key, want in (("mean", mean), ("max", max(figures)),
+                          ("p95", nearest_rank(figures, 95))):
+            assert abs(got[key + "_percent"] - want) <= 0.06, (label, key, got, shown)
+    # Against the board: the DSP core's mean is the share the client really
+    # produced over its life.
+    want = dict(t["loading"], DSP0=DspActivity(r.workdir).share(0, start, end))
+    for label, w in want.items():
+        assert abs(s["loading"][label]["mean_percent"] - w) <= tolerance(t, label), (label, w, s)
+    # A loading file's figure never changes.
+    assert s["loading"]["GDC0"] == dict.fromkeys(("mean_percent", "p95_percent", "max_percent"),
+                                                 t["loading"]["GDC0"])
+
+    # DDR: the tool's figures throughout, and those over the recorded intervals.
+    assert records[-1]["ddr"] == (t["ddr"]["read"] * MIB, t["ddr"]["write"] * MIB)
+    covered = sum(w for w, rec in zip(lengths, records) if rec["ddr"][0] is not None)
+    for direction in ("read", "write"):
+        bw, got = t["ddr"][direction] * MIB, s["ddr"][direction]
+        assert (got["mean_bytes_per_second"], got["peak_bytes_per_second"]) == (bw, bw)
+        assert abs(got["bytes"] - bw * covered) <= bw * 0.01, (direction, got, covered)
+
+    # ION: npu_job's 8 MiB came and went while the command ran; media_svc's 2 MiB
+    # of carveout went before the first record.
+    assert s["heaps"] == {name: {"total_bytes": h["total"], "start_bytes": h["start"],
+                                 "peak_bytes": h["peak"], "end_bytes": h["end"]}
+                          for name, h in t["heaps"].items()}
+    assert max(rec["heaps"]["cma_reserved"][1] for rec in records) == \
+        t["heaps"]["cma_reserved"]["peak"]
+    holders = sorted(t["processes"].items(), key=lambda p: -p[1]["peak_ion_bytes"])
+    pids = r.pids()
+    assert [{k: p[k] for k in ("pid", "name", "peak_ion_bytes")} for p in s["processes"]] == [
+        {"pid": pids[name], "name": name, "peak_ion_bytes": p["peak_ion_bytes"]}
+        for name, p in holders]
+    for got, (name, p) in zip(s["processes"], holders):
+        assert got["peak_rss_bytes"] >= p["rss_kb_min"] * 1024, got
+
+    rows = check_table(r.stderr, t["rows"] + ["read", "write"] + list(t["heaps"]))
+    assert {"256.0M", "4.0M", "12.0M"} <= set(SIZE.findall(rows["cma_reserved"])), rows
+    assert {"64.0M", "2.0M"} <= set(SIZE.findall(rows["carveout"])), rows
+
+
+# id, options before the command, the command ({script}: a file without
+# execute permission), the recorder's status, the signal that killed the
+# command, and the recorder's only message (None: a run with a summary).
+ENDINGS = [
+    ("exit-0", [], ["true"], 0, None, None),
+    ("exit-3", [], ["sh", "-c", "exit 3"], 3, None, None),
+    ("killed", [], ["sh", "-c", "kill -9 $$"], 137, 9, None),
+    ("not-found", [], ["kzm-no-such-command", "x"], 127, None,
+     "cannot run 'kzm-no-such-command': No such file or directory"),
+    ("not-executable", [], ["{script}"], 126, None, "cannot run '{script}': Permission denied"),
+    ("count", ["-n", "3"], ["true"], 1, None, "-n and -t cannot be combined with a command"),
+    ("time", ["-t", "3"], ["true"], 1, None, "-n and -t cannot be combined with a command"),
+]
+
+
+@pytest.mark.parametrize("options,command,status,sig,message", [e[1:] for e in ENDINGS],
+                         ids=[e[0] for e in ENDINGS])
+def test_status_of_the_command(run_on_board, record_binary, tmp_path, options, command, status,
+                               sig, message):
+    script = tmp_path / "script.sh"
+    script.write_text("#!/bin/sh\nexit 0\n")
+    script.chmod(0o644)
+    command = [c.format(script=script) for c in command]
+    r, s = record(run_on_board, record_binary, tmp_path, ["-d", "200"] + options, command)
+    assert r.returncode == status, r.stderr
+    assert r.stdout == ""
+    if message is not None:
+        assert (r.stderr, s) == (f"kvt_zqp_record: {message.format(script=script)}\n", None)
+        return
+    assert (s["command"], s["exit_status"], s["signal"]) == ([str(c) for c in command], status,
+                                                               sig)
+    assert s["records"] >= 1 and s["interval_ms"] == 200
+    check_table(r.stderr, ["DSP0", "cma_reserved"])
+
+
+# Runs the recorder (argv[2:]) with the default signal dispositions, and sends
+# it argv[1] once the CSV it writes (-o, the argument after it) holds its first
+# record; exits with the recorder's status (128+N: killed by signal N).
+SIGNAL_DRIVER = r"""
+import os, signal, subprocess, sys, time
+sig, cmd = int(sys.argv[1]), sys.argv[2:]
+out = cmd[cmd.index("-o") + 1]
+def lines():
+    try:
+        with open(out) as f:
+            return f.read().count("\n")
+    except OSError:
+        return 0
+p = subprocess.Popen(cmd)
+while p.poll() is None and lines() < 2:
+    time.sleep(0.02)
+p.send_signal(sig)
+rc = p.wait()
+sys.exit(128 - rc if rc < 0 else rc)
+"""
+
+# Commands that end with 5 only if no signal reaches them within 15 s.
+LONG_CLIENT = [CLIENT, "--board-log", "--lifetime-ms", "15000", "--exit-status", "5"]
+LONG_SHELL = ["sh", "-c", 'trap "exit 7" QUIT; for i in $(seq 150); do sleep 0.1; done; exit 5']
+
+# The signal sent to the recorder, the command, the status the recorder then
+# ends with, the signal that killed the command, and how the client's busy
+# log ends (None: no client).
+SIGNALS = [
+    ("int-trapped", 2, LONG_CLIENT + ["--trap-int"], 0, None, "exit"),
+    ("int-default", 2, LONG_CLIENT, 130, 2, "die"),
+    ("term-trapped", 15, LONG_CLIENT, 0, None, "exit"),
+    ("hup-default", 1, LONG_CLIENT, 129, 1, "start|set|clear"),
+    ("quit-trapped", 3, LONG_SHELL, 7, None, None),
+]
+
+
+@pytest.mark.parametrize("sig,command,status,killed,last", [e[1:] for e in SIGNALS],
+                         ids=[e[0] for e in SIGNALS])
+def test_signal_is_passed_to_the_command(run_on_board, record_binary, tmp_path, sig, command,
+                                         status, killed, last):
+    out = tmp_path / "run.csv"
+    r, s = record(run_on_board, record_binary, tmp_path, ["-d", "500", "-o", out], command,
+                  driver=["/usr/bin/python3", "-c", SIGNAL_DRIVER, str(sig)])
+    assert r.returncode == status, r.stderr
+    clients = []
+    if last is not None:
+        pid, _, _, ended = workload_client(r.workdir)
+        assert re.fullmatch(last, ended), ended
+        clients = [{"pid": pid, "name": "kzm_dsp_client"}]
+    assert (s["exit_status"], s["signal"], s["dsp_clients"]) == (status, killed, clients)
+    assert s["records"] == len(csv_records(out)) >= 2
+    check_table(r.stderr, ["DSP0", "cma_reserved"])
