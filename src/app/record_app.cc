@@ -26,6 +26,9 @@ namespace {
 constexpr char kProgram[] = "kvt_zqp_record";
 constexpr int kFormatOption = 256;
 constexpr int kSummaryOption = 257;
+constexpr int kProcessesOption = 258;
+constexpr std::size_t kDefaultProcesses = 10;
+constexpr unsigned long kMaxProcesses = 1000;
 
 const option kRecordOptions[] = {
     {"help", no_argument, nullptr, 'h'},
@@ -33,6 +36,7 @@ const option kRecordOptions[] = {
     {"output", required_argument, nullptr, 'o'},
     {"format", required_argument, nullptr, kFormatOption},
     {"summary", required_argument, nullptr, kSummaryOption},
+    {"processes", optional_argument, nullptr, kProcessesOption},
     {"delay", required_argument, nullptr, 'd'},
     {"freq", required_argument, nullptr, 'f'},
     {"number", required_argument, nullptr, 'n'},
@@ -50,6 +54,8 @@ constexpr char kRecordUsage[] =
     "  -o, --output FILE      write to FILE (default: standard output)\n"
     "      --format FORMAT    csv (default), jsonl or prometheus; with -o, a prometheus\n"
     "                         FILE is replaced whole at every interval\n"
+    "      --processes[=N]    prometheus: also the series of the N largest ION\n"
+    "                         holders (default N: 10)\n"
     "  -d, --delay MS         interval between records in milliseconds, also the\n"
     "                         loading window of YPU and DSP: 100 to 10000 (default 1000)\n"
     "  -f, --freq N           samples per second of YPU and DSP: 10 to 1000 (default 500)\n"
@@ -132,6 +138,20 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kFormatOption:
         option.valid = ParseFormat(optarg, option.format);
         break;
+      case kProcessesOption: {
+        option.processes = kDefaultProcesses;
+        if (optarg == nullptr) break;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long n = std::strtoul(optarg, &end, 10);
+        if (*optarg < '0' || *optarg > '9' || *end != '\0' || errno != 0 || n > kMaxProcesses) {
+          LogError("%s: --processes takes a number from 0 to %lu, not '%s'\n", kProgram,
+                   kMaxProcesses, optarg);
+          option.valid = false;
+        }
+        option.processes = n;
+        break;
+      }
       case kSummaryOption:
         option.summary = optarg;
         if (*optarg == '\0') {
@@ -352,7 +372,7 @@ void RecordApp::TakeAndWrite() {
       text = record::JsonLine(record);
       break;
     case record::Format::kPrometheus:
-      text = record::PrometheusText(record);
+      text = record::PrometheusText(record, option.processes);
       break;
   }
   Emit(text);

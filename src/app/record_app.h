@@ -29,6 +29,9 @@ struct RecordOption {
   std::string output;         // -o; empty for standard output
   bool output_given = false;  // -o was given, "-" included
   record::Format format = record::Format::kCsv;
+  // --processes[=N]: the Prometheus series of the N largest ION holders
+  // (none by default: their labels grow without bound).
+  std::size_t processes = 0;
   bool valid = true;
   // Standard output was closed at start (and is now /dev/null): refused as
   // the output.

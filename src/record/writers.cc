@@ -1,10 +1,13 @@
 #include "record/writers.h"
 
+#include "base/version.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 
+#include "base/version.h"
 #include "monitors/memory_usage.h"
 
 namespace kestro::zqp::record {
@@ -153,29 +156,44 @@ std::string Rfc3339(std::int64_t wall_ms) {
   return text;
 }
 
-std::string Percent(float value) {
+namespace {
+
+// value * 10^decimals rounded half away from zero, printed in its shortest
+// exact form with at most `decimals` decimals ("29.6", "100", "0.0025").
+// Integers only: std::round would pull in libm and to_chars(double) its
+// shortest-form tables, resident pages the monitor does not have.
+std::string Fixed(double value, int decimals, std::int64_t unit) {
   if (!std::isfinite(value)) return "";
-  // Hundredths rounded half away from zero, in integers: std::round would
-  // pull in libm and to_chars(double) its shortest-form tables, resident
-  // pages the monitor does not have.
-  const double scaled = static_cast<double>(value) * 100.0;
+  const double scaled = value * static_cast<double>(unit);
   char text[64];
   if (!(scaled > -1e15 && scaled < 1e15)) {
-    std::snprintf(text, sizeof text, "%.0f", static_cast<double>(value));
+    std::snprintf(text, sizeof text, "%.0f", value);
     return text;
   }
-  const auto hundredths = static_cast<std::int64_t>(scaled + (scaled < 0 ? -0.5 : 0.5));
-  const std::uint64_t magnitude =
-      static_cast<std::uint64_t>(hundredths < 0 ? -hundredths : hundredths);
-  const unsigned fraction = static_cast<unsigned>(magnitude % 100);
-  int length = std::snprintf(text, sizeof text, "%s%llu", hundredths < 0 ? "-" : "",
-                             static_cast<unsigned long long>(magnitude / 100));
-  if (fraction % 10 != 0) {
-    length += std::snprintf(text + length, sizeof text - length, ".%02u", fraction);
-  } else if (fraction != 0) {
-    length += std::snprintf(text + length, sizeof text - length, ".%u", fraction / 10);
+  const auto units = static_cast<std::int64_t>(scaled + (scaled < 0 ? -0.5 : 0.5));
+  const std::uint64_t magnitude = static_cast<std::uint64_t>(units < 0 ? -units : units);
+  auto fraction = static_cast<unsigned>(magnitude % static_cast<std::uint64_t>(unit));
+  int length = std::snprintf(text, sizeof text, "%s%llu", units < 0 ? "-" : "",
+                             static_cast<unsigned long long>(magnitude / unit));
+  if (fraction != 0) {
+    while (fraction % 10 == 0) {
+      fraction /= 10;
+      --decimals;
+    }
+    length += std::snprintf(text + length, sizeof text - length, ".%0*u", decimals, fraction);
   }
   return std::string(text, static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+std::string Percent(float value) {
+  return Fixed(static_cast<double>(value), 2, 100);
+}
+
+std::string Ratio(float percent) {
+  // Percent to the hundredth is the ratio to 1e-4.
+  return Fixed(static_cast<double>(percent) / 100.0, 4, 10000);
 }
 
 CsvLayout LayoutOf(const Record& record) {
@@ -254,9 +272,11 @@ std::string JsonLine(const Record& record) {
   return out + "]}\n";
 }
 
-std::string PrometheusText(const Record& record) {
+std::string PrometheusText(const Record& record, std::size_t processes) {
   using Samples = std::vector<std::pair<std::string, std::string>>;
   std::string out = "# kvt_zqp_record sample at " + Rfc3339(record.wall_ms) + "\n";
+  Family(out, "kvt_zqp_build_info", "Version of kvt_zqp_record; always 1.",
+         {{"version=\"" + PrometheusLabelValue(GetVersion()) + "\"", "1"}});
   Family(out, "kvt_zqp_sample_timestamp_seconds",
          "Wall-clock time of the sample, seconds since the epoch.",
          {{"", Seconds(record.wall_ms)}});
@@ -266,21 +286,24 @@ std::string PrometheusText(const Record& record) {
   for (const LoadingFigure& figure : record.loading) {
     // A figure nobody can vouch for is an absent series, not a NaN sample
     // that queries would carry along.
-    const std::string percent = Percent(figure.percent);
-    if (percent.empty()) continue;
+    const std::string ratio = Ratio(figure.percent);
+    if (ratio.empty()) continue;
     loading.emplace_back("engine=\"" + PrometheusLabelValue(figure.engine) + "\",core=\"" +
                              std::to_string(figure.core) + "\"",
-                         percent);
+                         ratio);
   }
-  Family(out, "kvt_zqp_loading_percent",
-         "Loading of an engine core over the last interval, in percent.", loading);
+  Family(out, "kvt_zqp_loading_ratio",
+         "Share of the last completed interval an engine core was busy, 0 to 1.", loading);
+  Family(out, "kvt_zqp_ddr_figures_live",
+         "1 when the DDR tool runs and answered within 3 s (or three intervals), else 0.",
+         {{"", record.ddr_ready ? "1" : "0"}});
   Samples ddr;
   if (record.ddr_ready) {
     ddr = {{"direction=\"read\"", std::to_string(record.ddr_read_bytes_per_s)},
            {"direction=\"write\"", std::to_string(record.ddr_write_bytes_per_s)}};
   }
   Family(out, "kvt_zqp_ddr_bandwidth_bytes_per_second",
-         "DDR bandwidth as the board's DDR tool last reported it.", ddr);
+         "DDR bandwidth over the last interval the DDR tool reported.", ddr);
   Samples total;
   Samples used;
   Samples free;
@@ -293,17 +316,27 @@ std::string PrometheusText(const Record& record) {
   Family(out, "kvt_zqp_heap_size_bytes", "Total size of an ION heap.", total);
   Family(out, "kvt_zqp_heap_used_bytes", "Memory of an ION heap held by allocations.", used);
   Family(out, "kvt_zqp_heap_free_bytes", "Memory of an ION heap not held by allocations.", free);
+  // Process labels come and go with the board's processes: only the largest
+  // holders, and only when asked, so a series count stays bounded.
+  std::vector<const ProcessFigure*> holders;
+  for (const ProcessFigure& process : record.processes) holders.push_back(&process);
+  std::stable_sort(holders.begin(), holders.end(),
+                   [](const auto* a, const auto* b) { return a->ion_bytes > b->ion_bytes; });
+  if (holders.size() > processes) holders.resize(processes);
+  std::sort(holders.begin(), holders.end(),
+            [](const auto* a, const auto* b) { return a->pid < b->pid; });
   Samples rss;
   Samples ion;
-  for (const ProcessFigure& process : record.processes) {
-    const std::string labels = "pid=\"" + std::to_string(process.pid) + "\",name=\"" +
-                               PrometheusLabelValue(process.name) + "\"";
-    rss.emplace_back(labels, std::to_string(process.rss_bytes));
-    ion.emplace_back(labels, std::to_string(process.ion_bytes));
+  for (const ProcessFigure* process : holders) {
+    const std::string labels = "pid=\"" + std::to_string(process->pid) + "\",name=\"" +
+                               PrometheusLabelValue(process->name) + "\"";
+    rss.emplace_back(labels, std::to_string(process->rss_bytes));
+    ion.emplace_back(labels, std::to_string(process->ion_bytes));
   }
   Family(out, "kvt_zqp_process_resident_bytes",
-         "Resident memory of a process that holds ION memory.", rss);
-  Family(out, "kvt_zqp_process_ion_bytes", "ION memory counted for a process.", ion);
+         "Resident memory of one of the largest ION holders.", rss);
+  Family(out, "kvt_zqp_process_ion_bytes", "ION memory counted for one of the largest holders.",
+         ion);
   return out;
 }
 

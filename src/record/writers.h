@@ -31,8 +31,10 @@ std::string CsvRow(const CsvLayout& layout, const Record& record);
 // One object and "\n".
 std::string JsonLine(const Record& record);
 // A whole exposition: HELP and TYPE lines, samples without timestamps (the
-// textfile collector refuses them), the time as a gauge and a comment.
-std::string PrometheusText(const Record& record);
+// textfile collector refuses them), the time as a gauge and a comment;
+// loading as a 0-1 ratio; the per-process series of the `processes` largest
+// ION holders only (none for 0).
+std::string PrometheusText(const Record& record, std::size_t processes);
 
 // RFC 4180: quoted (quotes doubled) when the field holds a comma, a quote, CR
 // or LF; otherwise as it is.
@@ -59,5 +61,8 @@ std::string Rfc3339(std::int64_t wall_ms);
 // empty for NaN and infinities (an empty CSV cell, null in JSON, no sample in
 // the Prometheus text).
 std::string Percent(float value);
+// A loading percentage as a ratio of 1 to the ten-thousandth, shortest form:
+// "0.296", "1", "0.0025"; empty for NaN and infinities.
+std::string Ratio(float percent);
 
 }  // namespace kestro::zqp::record

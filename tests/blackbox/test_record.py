@@ -159,7 +159,8 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     thread.start()
     try:
         r = run_on_board("full", [record_binary, "--format", "prometheus", "-o",
-                                  folder / "kvt_zqp.prom", "-d", "250", "-n", "16"])
+                                  folder / "kvt_zqp.prom", "-d", "250", "-n", "16",
+                                  "--processes"])
         time.sleep(0.5)
     finally:
         done.set()
@@ -173,11 +174,12 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
                            text=True)
     assert (check.returncode, check.stdout, check.stderr) == (0, "", "")
     got = prom_samples(text)
-    rows = [(dict(labels)["engine"] + dict(labels)["core"], v)
-            for (name, labels), v in got.items() if name == "kvt_zqp_loading_percent"]
+    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
+            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
     assert [label for label, _ in rows] == t["rows"]
     at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
     assert check_loading(r.dsp().loading(t["loading"], at, 0.25), t, rows) == []
+    assert got[("kvt_zqp_ddr_figures_live", ())] == 1
     for direction in ("read", "write"):
         assert got[("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))] == \
             t["ddr"][direction] * MIB
@@ -197,11 +199,11 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     for i, s in enumerate(seen):
         assert "node_textfile_scrape_error 0" in s
         # The sampled cores' series are absent until their first window ended.
-        series = s.count("\nkvt_zqp_loading_percent{")
+        series = s.count("\nkvt_zqp_loading_ratio{")
         elapsed = float(re.search(r"\nkvt_zqp_elapsed_seconds (\S+)", s)[1])
         assert series == len(t["rows"]) or (series == len(t["rows"]) - sampled and
                                             elapsed < WINDOW_STRETCH * 0.25), s
-    assert seen[-1].count("\nkvt_zqp_loading_percent{") == len(t["rows"])
+    assert seen[-1].count("\nkvt_zqp_loading_ratio{") == len(t["rows"])
     assert prom_samples(seen[-1])[("kvt_zqp_heap_used_bytes", (("heap", "custom"),))] == \
         t["heaps"]["custom"]["used"]
 

@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include "base/version.h"
 #include "record/output_file.h"
 #include "record/writers.h"
 #include "support/temp_tree.h"
@@ -108,15 +109,18 @@ TEST(WritersTest, EachFormatOfOneRecord) {
             "12582912,\"free_bytes\":255852544},{\"name\":\"custom\",\"total_bytes\":33554432,"
             "\"used_bytes\":0,\"free_bytes\":33554432}],\"processes\":[{\"pid\":25,\"name\":"
             "\"media_svc\",\"rss_bytes\":4194304,\"ion_bytes\":2097152}]}\n");
-  const std::string prom = PrometheusText(record);
-  for (const char* line :
-       {"# kvt_zqp_record sample at 2024-05-01T12:00:00.123Z\n",
-        "\nkvt_zqp_sample_timestamp_seconds 1714564800.123\n",
-        "\n# TYPE kvt_zqp_loading_percent gauge\nkvt_zqp_loading_percent{engine=\"YPU\","
-        "core=\"0\"} 29.6\n",
-        "\nkvt_zqp_ddr_bandwidth_bytes_per_second{direction=\"write\"} 594542592\n",
-        "\nkvt_zqp_heap_free_bytes{heap=\"custom\"} 33554432\n",
-        "\nkvt_zqp_process_ion_bytes{pid=\"25\",name=\"media_svc\"} 2097152\n"}) {
+  const std::string prom = PrometheusText(record, 1);
+  for (const std::string& line : std::vector<std::string>{
+           "# kvt_zqp_record sample at 2024-05-01T12:00:00.123Z\n",
+           "\nkvt_zqp_sample_timestamp_seconds 1714564800.123\n",
+           "\nkvt_zqp_build_info{version=\"" + GetVersion() + "\"} 1\n",
+           "\n# TYPE kvt_zqp_loading_ratio gauge\nkvt_zqp_loading_ratio{engine=\"YPU\","
+           "core=\"0\"} 0.296\n",
+           "\nkvt_zqp_loading_ratio{engine=\"GDC\",core=\"0\"} 0.0013\n",
+           "\nkvt_zqp_ddr_figures_live 1\n",
+           "\nkvt_zqp_ddr_bandwidth_bytes_per_second{direction=\"write\"} 594542592\n",
+           "\nkvt_zqp_heap_free_bytes{heap=\"custom\"} 33554432\n",
+           "\nkvt_zqp_process_ion_bytes{pid=\"25\",name=\"media_svc\"} 2097152\n"}) {
     EXPECT_NE(prom.find(line), prom.npos) << line << prom;
   }
   // Later: the DDR tool failed, a heap and a core of the layout are gone, a
@@ -128,8 +132,10 @@ TEST(WritersTest, EachFormatOfOneRecord) {
   EXPECT_EQ(CsvRow(layout, record),
             "2024-05-01T12:00:00.123Z,2.005,29.6,,,,,,,,33554432,0,33554432\r\n");
   EXPECT_NE(JsonLine(record).find("\"percent\":null}],\"ddr\":null,"), std::string::npos);
-  EXPECT_EQ(PrometheusText(record).find("ddr"), std::string::npos);
-  EXPECT_EQ(PrometheusText(record).find("core=\"1\""), std::string::npos);
+  EXPECT_EQ(PrometheusText(record, 1).find("ddr_bandwidth"), std::string::npos);
+  EXPECT_NE(PrometheusText(record, 1).find("\nkvt_zqp_ddr_figures_live 0\n"), std::string::npos);
+  EXPECT_EQ(PrometheusText(record, 1).find("core=\"1\""), std::string::npos);
+  EXPECT_EQ(PrometheusText(record, 0).find("process"), std::string::npos);
 }
 
 // Figures the recorder cannot vouch for stay out of a record: the DDR figures
