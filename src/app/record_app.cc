@@ -52,10 +52,10 @@ constexpr char kRecordUsage[] =
     "with a COMMAND, while it runs, then print a summary of its run on stderr.\n"
     "\n"
     "  -o, --output FILE      write to FILE (default: standard output)\n"
-    "      --format FORMAT    csv (default), jsonl or prometheus; with -o, a prometheus\n"
-    "                         FILE is replaced whole at every interval\n"
-    "      --processes[=N]    prometheus: also the series of the N largest ION\n"
-    "                         holders (default N: 10)\n"
+    "      --format FORMAT    csv (default), jsonl, prometheus or openmetrics; with -o,\n"
+    "                         a prometheus FILE is replaced whole at every interval\n"
+    "      --processes[=N]    prometheus, openmetrics: also the series of the N\n"
+    "                         largest ION holders (default N: 10)\n"
     "  -d, --delay MS         interval between records in milliseconds, also the\n"
     "                         loading window of YPU and DSP: 100 to 10000 (default 1000)\n"
     "  -f, --freq N           samples per second of YPU and DSP: 10 to 1000 (default 500)\n"
@@ -82,8 +82,10 @@ bool ParseFormat(std::string_view text, record::Format& format) {
     format = record::Format::kJsonLines;
   } else if (text == "prometheus") {
     format = record::Format::kPrometheus;
+  } else if (text == "openmetrics") {
+    format = record::Format::kOpenMetrics;
   } else {
-    LogError("%s: format '%.*s' is not one of csv, jsonl, prometheus\n", kProgram,
+    LogError("%s: format '%.*s' is not one of csv, jsonl, prometheus, openmetrics\n", kProgram,
              static_cast<int>(text.size()), text.data());
     return false;
   }
@@ -209,7 +211,7 @@ RecordApp::~RecordApp() {
 }
 
 bool RecordApp::Init() {
-  static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus"};
+  static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
   LogSettings(option.monitor);
   LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
   LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
@@ -313,6 +315,11 @@ bool RecordApp::StartCommand(const sigset_t& ignored) {
 int RecordApp::Run() {
   if (!initialised) return command_status;
   runner->Run();
+  // Ended by the count, a stop signal or the command's end: the exposition
+  // is complete.
+  if (writing && option.format == record::Format::kOpenMetrics) {
+    Emit(record::OpenMetricsWriter::kEnd);
+  }
   if (option.command.empty()) return failed ? 1 : 0;
   // Stopped before the summary, so the DDR tool is not left running while
   // it is written.
@@ -373,6 +380,9 @@ void RecordApp::TakeAndWrite() {
       break;
     case record::Format::kPrometheus:
       text = record::PrometheusText(record, option.processes);
+      break;
+    case record::Format::kOpenMetrics:
+      text = open_metrics.Samples(record, option.processes);
       break;
   }
   Emit(text);

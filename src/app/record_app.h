@@ -87,6 +87,7 @@ class RecordApp {
   MemoryUsage memory;
   record::OutputFile output;
   record::CsvLayout layout;
+  record::OpenMetricsWriter open_metrics;
   record::LoadingIntervals intervals;
   record::RunSummary summary;
   record::OutputFile summary_file;

@@ -51,16 +51,30 @@ const HeapFigure* FindHeap(const Record& record, std::size_t index) {
   return nullptr;
 }
 
-// One metric family: HELP, TYPE and the samples "name{labels} value".
-void Family(std::string& out, const char* name, const char* help,
-            const std::vector<std::pair<std::string, std::string>>& samples) {
-  if (samples.empty()) return;
-  out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " gauge\n";
-  for (const auto& [labels, value] : samples) {
-    out += name;
-    if (!labels.empty()) out += "{" + labels + "}";
-    out += " " + value + "\n";
-  }
+// One metric family of a record: its name, HELP text, type and samples
+// (labels without braces, value).
+struct MetricFamily {
+  std::string name;
+  const char* help;
+  const char* type;  // "gauge", or "info" (OpenMetrics; a gauge in the text format)
+  std::vector<std::pair<std::string, std::string>> samples;
+};
+
+// The families of a record, in the order they are written; a family with no
+// sample is left out.
+void Family(std::vector<MetricFamily>& out, const char* name, const char* type, const char* help,
+            std::vector<std::pair<std::string, std::string>> samples) {
+  if (!samples.empty()) out.push_back({name, help, type, std::move(samples)});
+}
+
+// "name{labels} value", with " timestamp" when given, and a line end.
+void AppendSample(std::string& out, const std::string& name, const std::string& labels,
+                  const std::string& value, const std::string& timestamp) {
+  out += name;
+  if (!labels.empty()) out += "{" + labels + "}";
+  out += " " + value;
+  if (!timestamp.empty()) out += " " + timestamp;
+  out += "\n";
 }
 
 }  // namespace
@@ -272,15 +286,17 @@ std::string JsonLine(const Record& record) {
   return out + "]}\n";
 }
 
-std::string PrometheusText(const Record& record, std::size_t processes) {
+namespace {
+
+std::vector<MetricFamily> Families(const Record& record, std::size_t processes) {
   using Samples = std::vector<std::pair<std::string, std::string>>;
-  std::string out = "# kvt_zqp_record sample at " + Rfc3339(record.wall_ms) + "\n";
-  Family(out, "kvt_zqp_build_info", "Version of kvt_zqp_record; always 1.",
+  std::vector<MetricFamily> out;
+  Family(out, "kvt_zqp_build", "info", "Version of kvt_zqp_record; always 1.",
          {{"version=\"" + PrometheusLabelValue(GetVersion()) + "\"", "1"}});
-  Family(out, "kvt_zqp_sample_timestamp_seconds",
+  Family(out, "kvt_zqp_sample_timestamp_seconds", "gauge",
          "Wall-clock time of the sample, seconds since the epoch.",
          {{"", Seconds(record.wall_ms)}});
-  Family(out, "kvt_zqp_elapsed_seconds", "Time since the recording started.",
+  Family(out, "kvt_zqp_elapsed_seconds", "gauge", "Time since the recording started.",
          {{"", Seconds(record.elapsed_ms)}});
   Samples loading;
   for (const LoadingFigure& figure : record.loading) {
@@ -292,9 +308,9 @@ std::string PrometheusText(const Record& record, std::size_t processes) {
                              std::to_string(figure.core) + "\"",
                          ratio);
   }
-  Family(out, "kvt_zqp_loading_ratio",
+  Family(out, "kvt_zqp_loading_ratio", "gauge",
          "Share of the last completed interval an engine core was busy, 0 to 1.", loading);
-  Family(out, "kvt_zqp_ddr_figures_live",
+  Family(out, "kvt_zqp_ddr_figures_live", "gauge",
          "1 when the DDR tool runs and answered within 3 s (or three intervals), else 0.",
          {{"", record.ddr_ready ? "1" : "0"}});
   Samples ddr;
@@ -302,7 +318,7 @@ std::string PrometheusText(const Record& record, std::size_t processes) {
     ddr = {{"direction=\"read\"", std::to_string(record.ddr_read_bytes_per_s)},
            {"direction=\"write\"", std::to_string(record.ddr_write_bytes_per_s)}};
   }
-  Family(out, "kvt_zqp_ddr_bandwidth_bytes_per_second",
+  Family(out, "kvt_zqp_ddr_bandwidth_bytes_per_second", "gauge",
          "DDR bandwidth over the last interval the DDR tool reported.", ddr);
   Samples total;
   Samples used;
@@ -313,9 +329,11 @@ std::string PrometheusText(const Record& record, std::size_t processes) {
     used.emplace_back(labels, std::to_string(heap.used_bytes));
     free.emplace_back(labels, std::to_string(heap.total_bytes - heap.used_bytes));
   }
-  Family(out, "kvt_zqp_heap_size_bytes", "Total size of an ION heap.", total);
-  Family(out, "kvt_zqp_heap_used_bytes", "Memory of an ION heap held by allocations.", used);
-  Family(out, "kvt_zqp_heap_free_bytes", "Memory of an ION heap not held by allocations.", free);
+  Family(out, "kvt_zqp_heap_size_bytes", "gauge", "Total size of an ION heap.", total);
+  Family(out, "kvt_zqp_heap_used_bytes", "gauge", "Memory of an ION heap held by allocations.",
+         used);
+  Family(out, "kvt_zqp_heap_free_bytes", "gauge", "Memory of an ION heap not held by allocations.",
+         free);
   // Process labels come and go with the board's processes: only the largest
   // holders, and only when asked, so a series count stays bounded.
   std::vector<const ProcessFigure*> holders;
@@ -333,10 +351,42 @@ std::string PrometheusText(const Record& record, std::size_t processes) {
     rss.emplace_back(labels, std::to_string(process->rss_bytes));
     ion.emplace_back(labels, std::to_string(process->ion_bytes));
   }
-  Family(out, "kvt_zqp_process_resident_bytes",
+  Family(out, "kvt_zqp_process_resident_bytes", "gauge",
          "Resident memory of one of the largest ION holders.", rss);
-  Family(out, "kvt_zqp_process_ion_bytes", "ION memory counted for one of the largest holders.",
-         ion);
+  Family(out, "kvt_zqp_process_ion_bytes", "gauge",
+         "ION memory counted for one of the largest holders.", ion);
+  return out;
+}
+
+}  // namespace
+
+std::string PrometheusText(const Record& record, std::size_t processes) {
+  std::string out = "# kvt_zqp_record sample at " + Rfc3339(record.wall_ms) + "\n";
+  for (const MetricFamily& family : Families(record, processes)) {
+    // The text format has no info type: an info metric is a gauge of 1
+    // whose name ends in _info.
+    const bool info = std::string_view(family.type) == "info";
+    const std::string name = info ? family.name + "_info" : family.name;
+    out += "# HELP " + name + " " + family.help + "\n# TYPE " + name + " gauge\n";
+    for (const auto& [labels, value] : family.samples) AppendSample(out, name, labels, value, "");
+  }
+  return out;
+}
+
+std::string OpenMetricsWriter::Samples(const Record& record, std::size_t processes) {
+  std::string out;
+  const std::string timestamp = Seconds(record.wall_ms);
+  for (const MetricFamily& family : Families(record, processes)) {
+    if (declared_.insert(family.name).second) {
+      out += "# HELP " + family.name + " " + family.help + "\n# TYPE " + family.name + " " +
+             family.type + "\n";
+    }
+    const bool info = std::string_view(family.type) == "info";
+    const std::string name = info ? family.name + "_info" : family.name;
+    for (const auto& [labels, value] : family.samples) {
+      AppendSample(out, name, labels, value, timestamp);
+    }
+  }
   return out;
 }
 

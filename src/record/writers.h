@@ -1,10 +1,12 @@
 // The three output formats of a Record, each a pure function to text:
-// CSV (RFC 4180, CRLF line ends), JSON lines, and the Prometheus text
-// exposition format (for node_exporter's textfile collector).
+// CSV (RFC 4180, CRLF line ends), JSON lines, the Prometheus text
+// exposition format (for node_exporter's textfile collector) and OpenMetrics
+// with timestamps (for backfilling a time-series database).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,7 +15,7 @@
 
 namespace kestro::zqp::record {
 
-enum class Format { kCsv, kJsonLines, kPrometheus };
+enum class Format { kCsv, kJsonLines, kPrometheus, kOpenMetrics };
 
 // The CSV columns, fixed by the first record of a run: its loading rows and
 // its heaps. Later figures outside them stay out of the CSV (JSON lines have
@@ -35,6 +37,21 @@ std::string JsonLine(const Record& record);
 // loading as a 0-1 ratio; the per-process series of the `processes` largest
 // ION holders only (none for 0).
 std::string PrometheusText(const Record& record, std::size_t processes);
+
+// A recording in the OpenMetrics text format, for loading into a time-series
+// database afterwards: the families of the text format, every sample with
+// the record's time (seconds since the epoch), HELP and TYPE the first time a
+// family appears, and "# EOF" at the end. The samples of a family are spread
+// over the records, which promtool's backfill reads.
+class OpenMetricsWriter {
+ public:
+  // The samples of one record.
+  std::string Samples(const Record& record, std::size_t processes);
+  static constexpr const char* kEnd = "# EOF\n";
+
+ private:
+  std::set<std::string> declared_;
+};
 
 // RFC 4180: quoted (quotes doubled) when the field holds a comma, a quote, CR
 // or LF; otherwise as it is.

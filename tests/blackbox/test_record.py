@@ -208,6 +208,40 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
         t["heaps"]["custom"]["used"]
 
 
+def test_openmetrics_recording_backfills(run_on_board, record_binary, tmp_path):
+    """promtool turns a recording into TSDB blocks that hold every sample of
+    the file at its time, each series at every record, and nothing else."""
+    promtool = shutil.which("promtool")
+    if not promtool:
+        pytest.skip("needs promtool (Debian package prometheus)")
+    out, data, n = tmp_path / "run.om", tmp_path / "data", 12
+    r = run_on_board("full", [record_binary, "--format", "openmetrics", "--processes", "-d", "200",
+                              "-n", str(n), "-o", out])
+    assert (r.returncode, r.stderr) == (0, ""), r.stderr
+    text = out.read_text()
+    assert text.endswith("\n# EOF\n") and text.count("# TYPE kvt_zqp_loading_ratio gauge") == 1
+    made = subprocess.run([promtool, "tsdb", "create-blocks-from", "openmetrics", out, data],
+                          capture_output=True, text=True, timeout=120)
+    assert made.returncode == 0, made.stderr
+    (data / "wal").mkdir()
+    dump = subprocess.run([promtool, "tsdb", "dump", data], capture_output=True, text=True,
+                          timeout=120, check=True).stdout
+
+    def sample(name, labels, value, ms):
+        return name, tuple(sorted(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', labels or ""))), \
+            float(value), int(ms)
+
+    stored = sorted(sample(m[2], m[3], m[4], m[5]) for m in re.finditer(
+        r'\{__name__="(?P<n>(\w+))"(?:, )?(.*)\} (\S+) (\d+)', dump))
+    written = sorted(sample(m[1], m[2], m[3], round(float(m[4]) * 1000)) for m in re.finditer(
+        r"^(\w+)(?:\{(.*)\})? (\S+) (\S+)$", text, re.M))
+    assert stored == written and len(written) > 20 * n
+    per_series = {}
+    for name, labels, _, _ in written:
+        per_series[(name, labels)] = per_series.get((name, labels), 0) + 1
+    assert set(per_series.values()) == {n}, per_series
+
+
 # The runs to plot: one, or two overlaid, the second with one engine only.
 @pytest.mark.parametrize("runs", [{"run": []}, {"before": [], "after": ["-e", "dsp"]}],
                          ids=["one", "overlay"])
@@ -243,7 +277,7 @@ ENDINGS = [
      "kvt_zqp_record: invalid option -- 'x'\nTry 'kvt_zqp_record --help' for more information.\n",
      None),
     ("bad-format", ["--format", "xml"], 1,
-     "kvt_zqp_record: format 'xml' is not one of csv, jsonl, prometheus\n", None),
+     "kvt_zqp_record: format 'xml' is not one of csv, jsonl, prometheus, openmetrics\n", None),
     ("count-and-time", ["-n", "2", "-t", "2"], 1, "Not support setting both number and time\n",
      None),
     ("count-with-a-command", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: -n and -t cannot be combined with a command\n",
