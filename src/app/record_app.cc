@@ -211,28 +211,9 @@ RecordApp::~RecordApp() {
 }
 
 bool RecordApp::Init() {
-  static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
-  LogSettings(option.monitor);
-  LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
-  LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
-
-  // A wrapped command owns standard output: records go only to a named file.
   const bool with_command = !option.command.empty();
-  writing = !with_command || option.output_given;
-  std::string error;
-  if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
-                              option.stdout_closed, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
-    return false;
-  }
-  // Opened before the command runs, so that a bad name costs no run.
-  if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
-    return false;
-  }
-
+  // Signals first: a stop signal that comes as soon as the settings are
+  // printed must end the run as one that comes later does.
   // The monitor's handler stops the monitors on a fatal signal. A signal that
   // was ignored at start (SIGHUP under nohup) stays ignored, except SIGINT and
   // SIGTERM, which end the run. A command is started with the same ones
@@ -279,6 +260,27 @@ bool RecordApp::Init() {
     return false;
   }
   runner->AddTask(signal_fd, [this](int fd) { OnStopSignal(fd); });
+
+  static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
+  LogSettings(option.monitor);
+  LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
+  LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
+
+  // A wrapped command owns standard output: records go only to a named file.
+  writing = !with_command || option.output_given;
+  std::string error;
+  if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
+                              option.stdout_closed, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
+  // Opened before the command runs, so that a bad name costs no run.
+  if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
 
   command_status = 1;
   if (!monitor_set.Create(option.monitor, runner)) return false;
