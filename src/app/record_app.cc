@@ -198,7 +198,9 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
 }
 
 RecordApp::RecordApp(const RecordOption& option_in)
-    : option(option_in), runner(std::make_shared<WatchTaskRunner>()) {}
+    : option(option_in),
+      runner(std::make_shared<WatchTaskRunner>()),
+      summary(option_in.monitor.delay_ms) {}
 
 RecordApp::~RecordApp() {
   monitor_set.Stop();
@@ -212,8 +214,24 @@ RecordApp::~RecordApp() {
 
 bool RecordApp::Init() {
   const bool with_command = !option.command.empty();
-  // Signals first: a stop signal that comes as soon as the settings are
-  // printed must end the run as one that comes later does.
+  // A wrapped command owns standard output: records go only to a named file.
+  writing = !with_command || option.output_given;
+  // Opened while SIGINT and SIGTERM still have their default action, so
+  // that either ends an open that blocks (a FIFO nobody reads).
+  std::string error;
+  if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
+                              option.stdout_closed, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
+  // Opened before the command runs, so that a bad name costs no run.
+  if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
+
   // The monitor's handler stops the monitors on a fatal signal. A signal that
   // was ignored at start (SIGHUP under nohup) stays ignored, except SIGINT and
   // SIGTERM, which end the run. A command is started with the same ones
@@ -239,10 +257,16 @@ bool RecordApp::Init() {
   // A file-size limit fails the write (EFBIG), which is then handled like a
   // full disk, instead of killing the process mid-record.
   signal(SIGXFSZ, SIG_IGN);
+  // With a command, a reader of the output or of standard error that went
+  // away fails the write instead of killing the recorder: the command must
+  // still be waited for and its status passed on.
+  if (with_command) signal(SIGPIPE, SIG_IGN);
   // SIGINT and SIGTERM are blocked before any thread starts (threads inherit
   // the mask) and read by the loop, so a record in hand is always finished.
   // With a command, SIGHUP and SIGQUIT too (unless ignored): all four are for
-  // the command, and the recording ends when it does.
+  // the command, and the recording ends when it does. Blocked before the
+  // settings are printed, so a stop signal sent as soon as they appear ends
+  // the run as a later one does.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
@@ -265,22 +289,6 @@ bool RecordApp::Init() {
   LogSettings(option.monitor);
   LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
   LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
-
-  // A wrapped command owns standard output: records go only to a named file.
-  writing = !with_command || option.output_given;
-  std::string error;
-  if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
-                              option.stdout_closed, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
-    return false;
-  }
-  // Opened before the command runs, so that a bad name costs no run.
-  if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
-    return false;
-  }
 
   command_status = 1;
   if (!monitor_set.Create(option.monitor, runner)) return false;
@@ -306,6 +314,18 @@ bool RecordApp::Init() {
 }
 
 bool RecordApp::StartCommand(const sigset_t& ignored) {
+  // A stop signal that came during the start (a Ctrl-C typed while the
+  // monitors started) was meant for the command, which does not exist yet:
+  // it is not started, as if it had been killed at once.
+  signalfd_siginfo info{};
+  if (read(signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+    LogVerbose("signal %u before the command started: not started\n", info.ssi_signo);
+    command_status = 128 + static_cast<int>(info.ssi_signo);
+    return false;
+  }
+  for (const auto& monitor : monitor_set.Monitors()) {
+    if (auto* reader = dynamic_cast<DspNodeReader*>(monitor.get())) reader->KeepSeenClients();
+  }
   command_status = command.Start(option.command, ignored);
   if (command_status != 0) return false;
   if (command.Descriptor() >= 0) {

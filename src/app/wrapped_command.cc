@@ -46,6 +46,13 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
         sigaction(sig, &action, nullptr);
       }
     }
+    // Descriptors another thread opened without close-on-exec (the DDR
+    // tool's terminal between its openpty and its own fork, a vendor
+    // library's devices) are not the command's. report[1] is close-on-exec
+    // already and stays open for a failed exec.
+    if (close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+      for (int fd = 3; fd < 65536; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
     RestoreLimitsForChild();
     sigset_t none;
     sigemptyset(&none);

@@ -69,6 +69,9 @@ class MonitorBase {
   SampleCounts CountsSnapshot() const;
   // True for monitors whose figures come from their own samples.
   virtual bool IsSampler() const { return false; }
+  // True when every core is known to be idle right now, without sampling
+  // (a sampler that pauses while nothing can be busy).
+  virtual bool SurelyIdle() const { return false; }
 
  protected:
   // Sleeps ms milliseconds, resuming after a signal for the time left; any

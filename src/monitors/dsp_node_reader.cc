@@ -99,6 +99,13 @@ void DspNodeReader::Run() {
   }
 }
 
+void DspNodeReader::Remember(std::int32_t pid) {
+  if (!remembered_.insert(pid).second) return;
+  Client client{pid, CommandName(pid)};
+  const std::lock_guard<std::mutex> hold(seen_mutex_);
+  seen_.push_back(std::move(client));
+}
+
 std::vector<DspNodeReader::Client> DspNodeReader::SeenClients() const {
   const std::lock_guard<std::mutex> hold(seen_mutex_);
   return seen_;
@@ -167,13 +174,9 @@ void DspNodeReader::Refresh() {
           continue;
         }
         pidfds_.emplace(pid, fd);
-        const std::lock_guard<std::mutex> hold(seen_mutex_);
-        if (std::none_of(seen_.begin(), seen_.end(),
-                         [pid](const Client& client) { return client.pid == pid; })) {
-          seen_.push_back({pid, CommandName(pid)});
-        }
       }
       live |= 1u << slot;
+      if (keep_seen_.load(std::memory_order_relaxed)) Remember(pid);
     }
     entry.live_mask->store(live);
   }

@@ -58,9 +58,14 @@ class DspNodeReader : public StatusMonitor {
     std::int32_t pid = 0;
     std::string name;  // /proc/PID/comm without its newline; empty when unreadable
   };
-  // Every live process seen holding a slot since construction, in the order
-  // first seen. Any thread.
+  // From now on, remember every live process seen holding a slot (off by
+  // default: a recording that runs for months would remember every client
+  // the board ever had). Any thread.
+  void KeepSeenClients() { keep_seen_.store(true, std::memory_order_relaxed); }
+  // The processes remembered, in the order first seen. Any thread.
   std::vector<Client> SeenClients() const;
+  // No live process holds a slot: every core is idle, sampled or not.
+  bool SurelyIdle() const override { return !AnyLive(); }
 
   // Inspection, while no worker runs.
   std::size_t WatchedProcessCount() const { return pidfds_.size(); }
@@ -80,12 +85,15 @@ class DspNodeReader : public StatusMonitor {
   // Closes the descriptors of processes that have ended; they become dead.
   void ReapEnded();
   bool AnyLive() const;
+  void Remember(std::int32_t pid);
 
   std::vector<Core> cores_;
   // pid -> its process descriptor, for live holders only.
   std::unordered_map<std::int32_t, int> pidfds_;
   // Holders known to have ended while a slot still names them.
   std::unordered_set<std::int32_t> dead_;
+  std::atomic<bool> keep_seen_{false};
+  std::unordered_set<std::int32_t> remembered_;  // worker only
   mutable std::mutex seen_mutex_;
   std::vector<Client> seen_;  // under seen_mutex_
 };

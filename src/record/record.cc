@@ -12,8 +12,12 @@ std::vector<float> LoadingIntervals::Since(std::size_t index, const MonitorBase&
   MonitorBase::SampleCounts now = monitor.CountsSnapshot();
   MonitorBase::SampleCounts& before = last_[index];
   before.busy.resize(now.busy.size(), 0);
-  std::vector<float> values(now.busy.size(), std::numeric_limits<float>::quiet_NaN());
   const std::uint64_t samples = now.samples - before.samples;
+  // A sampler that pauses while nothing can be busy may have taken no
+  // sample in a short interval that it knows was idle.
+  std::vector<float> values(now.busy.size(), samples == 0 && monitor.SurelyIdle()
+                                                 ? 0.0f
+                                                 : std::numeric_limits<float>::quiet_NaN());
   for (std::size_t core = 0; samples != 0 && core < values.size(); ++core) {
     // The busy counts may run one pass ahead of the sample count.
     const std::uint64_t busy = std::min(now.busy[core] - before.busy[core], samples);

@@ -51,7 +51,8 @@ class LoadingIntervals {
  public:
   // Each core's busy share (percent) of monitor `index` (its place in the
   // monitor list) since the previous call for that index, or since sampling
-  // began; NaN when no sample was taken in between. A monitor that does not
+  // began; NaN when no sample was taken in between, unless the monitor is
+  // SurelyIdle (then 0). A monitor that does not
   // sample gives its loading slots as they are.
   std::vector<float> Since(std::size_t index, const MonitorBase& monitor);
 

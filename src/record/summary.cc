@@ -47,12 +47,24 @@ std::string Row(std::string label, const std::vector<std::string>& cells, int ce
   return line + "\n";
 }
 
-// Bytes that would move the cursor or break the table are shown as '?'.
+// Valid UTF-8 as it is; bytes that would move the cursor or break the
+// table (C0 and C1 controls, DEL, bytes that are not valid UTF-8) as '?'.
+// At most limit bytes, cut between characters.
 std::string Printable(std::string_view bytes, std::size_t limit) {
   std::string text;
-  for (const char c : bytes.substr(0, limit)) {
-    const auto byte = static_cast<unsigned char>(c);
-    text += byte < 0x20 || byte == 0x7f ? '?' : c;
+  for (std::size_t at = 0; at < bytes.size();) {
+    std::size_t length = Utf8SequenceLength(bytes, at);
+    const auto lead = static_cast<unsigned char>(bytes[at]);
+    const auto next = length > 1 ? static_cast<unsigned char>(bytes[at + 1]) : 0;
+    const bool control = length == 1 ? lead < 0x20 || lead == 0x7f : lead == 0xc2 && next < 0xa0;
+    std::string_view piece = bytes.substr(at, length);
+    if (length == 0 || control) {
+      piece = "?";
+      length = std::max<std::size_t>(length, 1);
+    }
+    if (text.size() + piece.size() > limit) break;
+    text += piece;
+    at += length;
   }
   return text;
 }
@@ -96,9 +108,10 @@ void RunSummary::Add(const Record& record, std::int64_t interval_ms) {
     const std::string label = Label(figure);
     auto core = std::find_if(cores_.begin(), cores_.end(),
                              [&label](const Core& c) { return c.label == label; });
-    if (core == cores_.end()) core = cores_.insert(cores_.end(), Core{label, {}, 0, 0});
+    if (core == cores_.end()) core = cores_.insert(cores_.end(), Core{label, {}, {}, 0, 0});
     if (!std::isfinite(figure.percent)) continue;
     core->values.push_back(figure.percent);
+    if (interval_ms * 2 >= interval_ms_) core->whole.push_back(figure.percent);
     core->weighted += figure.percent * ms;
     core->weight += ms;
   }
@@ -130,7 +143,7 @@ void RunSummary::Add(const Record& record, std::int64_t interval_ms) {
 RunSummary::Stats RunSummary::StatsOf(const Core& core) {
   Stats stats;
   if (core.values.empty()) return stats;
-  std::vector<float> sorted = core.values;
+  std::vector<float> sorted = core.whole.empty() ? core.values : core.whole;
   std::sort(sorted.begin(), sorted.end());
   // Nearest rank: the smallest figure at or above 95 % of the records.
   const std::size_t rank = (sorted.size() * 95 + 99) / 100;
@@ -140,8 +153,8 @@ RunSummary::Stats RunSummary::StatsOf(const Core& core) {
     stats.mean = core.weighted / core.weight;
   } else {  // only records of no length: each counts once
     double sum = 0;
-    for (const float value : sorted) sum += value;
-    stats.mean = sum / static_cast<double>(sorted.size());
+    for (const float value : core.values) sum += value;
+    stats.mean = sum / static_cast<double>(core.values.size());
   }
   return stats;
 }

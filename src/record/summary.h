@@ -32,6 +32,11 @@ class RunSummary {
   // How many ION holders the summary names, largest peak first.
   static constexpr std::size_t kProcessCount = 10;
 
+  // interval_ms: the recording's; a record covering less than half of it
+  // (the last, at the command's end) counts in the means only, since a few
+  // samples would make its figure an extreme of chance.
+  explicit RunSummary(std::uint32_t interval_ms = 0) : interval_ms_(interval_ms) {}
+
   // The record taken just before the command started: each heap's start.
   void Begin(const Record& before);
   // A record taken while the command ran, the last one at its end, covering
@@ -51,6 +56,7 @@ class RunSummary {
   struct Core {
     std::string label;
     std::vector<float> values;  // the records' figures, missing ones left out
+    std::vector<float> whole;   // those of records covering half an interval or more
     double weighted = 0;        // sum of figure * interval
     double weight = 0;          // sum of intervals with a figure
   };
@@ -71,7 +77,7 @@ class RunSummary {
     std::optional<double> mean, p95, max;
   };
 
-  static Stats StatsOf(const Core& core);
+  static Stats StatsOf(const Core& core);  // p95 and max over `whole` when it has any
   // The holders by peak ION, largest first (pid breaks ties), at most
   // kProcessCount.
   std::vector<std::pair<std::int32_t, Holder>> TopHolders() const;
@@ -83,6 +89,7 @@ class RunSummary {
   std::map<std::int32_t, Holder> holders_;
   std::vector<DspClient> dsp_clients_;
   std::uint32_t records_ = 0;
+  std::uint32_t interval_ms_;
 };
 
 }  // namespace kestro::zqp::record

@@ -29,7 +29,7 @@ Record At(std::int64_t elapsed_ms, std::vector<float> dsp, bool ddr, std::uint64
 }
 
 TEST(RunSummaryTest, TableAndJsonOfARun) {
-  RunSummary summary;
+  RunSummary summary(1000);
   summary.Begin(At(0, {}, false, 12288, {}));
   const float nan = std::nanf("");
   // Core 1 has no figure in the second record; the last one is a short
@@ -37,17 +37,20 @@ TEST(RunSummaryTest, TableAndJsonOfARun) {
   summary.Add(At(1000, {50, 10}, true, 20480, {{7, "work\x1b", 3 << 20, 8192}, {3, "keep", 0, 0}}),
               1000);
   summary.Add(At(2000, {30, nan}, true, 16384, {{7, "work\x1b", 1 << 20, 4096}}), 1000);
-  summary.Add(At(2500, {100, 20}, false, 12288, {{9, "late", 1 << 10, 8192}}), 500);
+  summary.Add(At(2400, {100, 20}, false, 12288, {{9, "late", 1 << 10, 8192}}), 400);
   summary.SetDspClients({{7, "kzm_dsp_client"}, {8, ""}});
-  const CommandOutcome outcome{{"./bench", "two words"}, 137, 9, 2.5049, 1000};
+  // A C1 control (CSI) and a byte that is not UTF-8 are not sent to the
+  // terminal; valid UTF-8 is.
+  const CommandOutcome outcome{
+      {"./bench", "two words", "\xc2\x9b\xff\xc3\xa9"}, 137, 9, 2.5049, 1000};
   EXPECT_EQ(summary.Table(outcome),
-            "kvt_zqp_record: ./bench 'two words'\n"
+            "kvt_zqp_record: ./bench 'two words' '??\xc3\xa9'\n"
             "killed by signal 9 (Killed), exit status 137\n"
             "wall time 2.50 s, 3 records of 1000 ms\n"
             "\n"
             "Loading (%)           mean     p95     max\n"
-            "  DSP0                52.0   100.0   100.0\n"
-            "  DSP1                13.3    20.0    20.0\n"
+            "  DSP0                50.0    50.0    50.0\n"
+            "  DSP1                12.9    10.0    10.0\n"
             "\n"
             "DDR                 mean/s  peak/s   moved\n"
             "  read              100.0M  100.0M  200.0M\n"
@@ -64,10 +67,11 @@ TEST(RunSummaryTest, TableAndJsonOfARun) {
             "  kzm_dsp_client (7), 8\n");
   EXPECT_EQ(
       summary.Json(outcome),
-      "{\"command\":[\"./bench\",\"two words\"],\"exit_status\":137,\"signal\":9,"
+      "{\"command\":[\"./bench\",\"two "
+      "words\",\"\xc2\x9b\\udcff\xc3\xa9\"],\"exit_status\":137,\"signal\":9,"
       "\"wall_seconds\":2.505,\"records\":3,\"interval_ms\":1000,\"loading\":{"
-      "\"DSP0\":{\"mean_percent\":52,\"p95_percent\":100,\"max_percent\":100},"
-      "\"DSP1\":{\"mean_percent\":13.33,\"p95_percent\":20,\"max_percent\":20}},"
+      "\"DSP0\":{\"mean_percent\":50,\"p95_percent\":50,\"max_percent\":50},"
+      "\"DSP1\":{\"mean_percent\":12.86,\"p95_percent\":10,\"max_percent\":10}},"
       "\"ddr\":{\"read\":{\"mean_bytes_per_second\":104857600,"
       "\"peak_bytes_per_second\":104857600,\"bytes\":209715200},\"write\":{"
       "\"mean_bytes_per_second\":78643200,\"peak_bytes_per_second\":104857600,"
