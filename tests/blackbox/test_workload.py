@@ -163,17 +163,23 @@ def test_status_of_the_command(run_on_board, record_binary, tmp_path, options, c
 # it argv[1] once the CSV it writes (-o, the argument after it) holds its first
 # record; exits with the recorder's status (128+N: killed by signal N).
 SIGNAL_DRIVER = r"""
-import os, signal, subprocess, sys, time
+import glob, os, signal, subprocess, sys, time
 sig, cmd = int(sys.argv[1]), sys.argv[2:]
 out = cmd[cmd.index("-o") + 1]
-def lines():
+logs = os.path.join(os.environ["KZM_SIM_WORKDIR"], "logs")
+def text(path):
     try:
-        with open(out) as f:
-            return f.read().count("\n")
+        with open(path) as f:
+            return f.read()
     except OSError:
-        return 0
+        return ""
+# The command is ready for the signal once its handlers are in place: the
+# client logs its start after setting them, the shell marks it.
+def ready():
+    return os.path.exists(os.path.join(logs, "ready")) or any(
+        text(log).startswith("start ") for log in glob.glob(os.path.join(logs, "dsp_busy_cmd*.log")))
 p = subprocess.Popen(cmd)
-while p.poll() is None and lines() < 2:
+while p.poll() is None and (text(out).count("\n") < 2 or not ready()):
     time.sleep(0.02)
 p.send_signal(sig)
 rc = p.wait()
@@ -182,7 +188,8 @@ sys.exit(128 - rc if rc < 0 else rc)
 
 # Commands that end with 5 only if no signal reaches them within 15 s.
 LONG_CLIENT = [CLIENT, "--board-log", "--lifetime-ms", "15000", "--exit-status", "5"]
-LONG_SHELL = ["sh", "-c", 'trap "exit 7" QUIT; for i in $(seq 150); do sleep 0.1; done; exit 5']
+LONG_SHELL = ["sh", "-c", 'trap "exit 7" QUIT; : >"$KZM_SIM_WORKDIR/logs/ready"; '
+              'for i in $(seq 150); do sleep 0.1; done; exit 5']
 
 # The signal sent to the recorder, the command, the status the recorder then
 # ends with, the signal that killed the command, and how the client's busy
