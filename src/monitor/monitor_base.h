@@ -61,7 +61,8 @@ class MonitorBase {
   // What a sampler has taken since its slots were sized: samples, and per
   // core the busy ones among them. Differences of two snapshots give the
   // share over exactly the time between them, whatever the sampler's own
-  // window. Monitors that do not sample have samples 0 and no busy counts.
+  // window. Samplers count only in a read-only configuration (the
+  // recorder); other monitors have samples 0 and busy counts of 0.
   struct SampleCounts {
     std::uint64_t samples = 0;
     std::vector<std::uint64_t> busy;

@@ -19,7 +19,7 @@ void StatusMonitor::Sample() {
   for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
     if (IsCoreBusy(i)) {
       ++busy_counts[i];
-      CountBusy(i);
+      if (read_only) CountBusy(i);
     }
     if (interval_done) {
       loading_values[i] =
@@ -28,7 +28,9 @@ void StatusMonitor::Sample() {
       SetLoading(i, loading_values[i]);
     }
   }
-  CountSample();
+  // Only a recording reads the running counts: the monitor's loop does no
+  // more than it did.
+  if (read_only) CountSample();
   if (interval_done) sample_count = 0;
 }
 

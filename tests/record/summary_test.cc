@@ -85,7 +85,8 @@ TEST(RunSummaryTest, TableAndJsonOfARun) {
 // A sampler whose busy answers the test sets.
 class FakeSampler : public StatusMonitor {
  public:
-  FakeSampler() : StatusMonitor(MonitorConfig{"DSP", 500, 1000, false, false, true, {}}, nullptr) {
+  FakeSampler()
+      : StatusMonitor(MonitorConfig{"DSP", 500, 1000, false, false, true, {}, true}, nullptr) {
     SetLoadingNum(2);
     InitCoreStats();
   }
