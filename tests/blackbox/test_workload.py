@@ -160,26 +160,29 @@ def test_status_of_the_command(run_on_board, record_binary, tmp_path, options, c
 
 
 # Runs the recorder (argv[2:]) with the default signal dispositions, and sends
-# it argv[1] once the CSV it writes (-o, the argument after it) holds its first
-# record; exits with the recorder's status (128+N: killed by signal N).
+# it argv[1] once the command is ready for it; exits with the recorder's status
+# (128+N: killed by signal N).
 SIGNAL_DRIVER = r"""
-import glob, os, signal, subprocess, sys, time
+import csv, os, signal, subprocess, sys, time
 sig, cmd = int(sys.argv[1]), sys.argv[2:]
 out = cmd[cmd.index("-o") + 1]
-logs = os.path.join(os.environ["KZM_SIM_WORKDIR"], "logs")
-def text(path):
+mark = os.path.join(os.environ["KZM_SIM_WORKDIR"], "logs", "ready")
+def records():
     try:
-        with open(path) as f:
-            return f.read()
-    except OSError:
-        return ""
-# The command is ready for the signal once its handlers are in place: the
-# client logs its start after setting them, the shell marks it.
+        with open(out, newline="") as f:
+            header, *rows = csv.reader(f)
+    except (OSError, ValueError):
+        return []
+    return [dict(zip(header, row)) for row in rows if len(row) == len(header)]
+# Once a record exists: the shell marks that its trap is set; the client sets
+# its handlers before it takes a slot, so it is ready once a record shows DSP0
+# busy, and the recorder has then also seen it alive in its slot (a client it
+# never saw could not be listed among the run's clients).
 def ready():
-    return os.path.exists(os.path.join(logs, "ready")) or any(
-        text(log).startswith("start ") for log in glob.glob(os.path.join(logs, "dsp_busy_cmd*.log")))
+    rows = records()
+    return rows != [] and (os.path.exists(mark) or any(float(r["DSP0"] or 0) > 0 for r in rows))
 p = subprocess.Popen(cmd)
-while p.poll() is None and (text(out).count("\n") < 2 or not ready()):
+while p.poll() is None and not ready():
     time.sleep(0.02)
 p.send_signal(sig)
 rc = p.wait()
