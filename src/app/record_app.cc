@@ -49,13 +49,20 @@ RecordApp::~RecordApp() {
 
 bool RecordApp::Init() {
   const bool with_command = !option.command.empty();
-  // A wrapped command owns standard output: records go only to a named file.
-  writing = !with_command || option.output_given;
+  // A wrapped command owns standard output, and a server has no use for it:
+  // records then go only to a named file.
+  writing = option.output_given || (!with_command && !option.listen);
   // Opened while SIGINT and SIGTERM still have their default action, so
   // that either ends an open that blocks (a FIFO nobody reads).
   std::string error;
   if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
                               option.stdout_closed, error)) {
+    LogError("%s: %s\n", kProgram, error.c_str());
+    command_status = 1;
+    return false;
+  }
+  // Bound before anything starts, so that a port in use costs nothing.
+  if (option.listen && !server.Bind(option.listen_address, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
     command_status = 1;
     return false;
@@ -123,7 +130,10 @@ bool RecordApp::Init() {
   static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
   LogSettings(option.monitor);
   LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
-  LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
+  if (writing) {
+    LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
+  }
+  if (option.listen) LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
 
   command_status = 1;
   if (!monitor_set.Create(option.monitor, runner)) return false;
@@ -133,6 +143,15 @@ bool RecordApp::Init() {
   const record::Record before =
       record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), 0, intervals);
   summary.Begin(before);
+  // Started once the stop signals are blocked, so that its thread never
+  // takes them; it serves the start's figures until the first interval ends.
+  if (option.listen) {
+    Publish(before);
+    if (!server.Start(ServerLimits{}, error)) {
+      LogError("%s: %s\n", kProgram, error.c_str());
+      return false;
+    }
+  }
   if (writing && option.format == record::Format::kCsv) {
     layout = record::LayoutOf(before);
     if (!Emit(record::CsvHeader(layout))) return false;
@@ -226,6 +245,7 @@ void RecordApp::TakeAndWrite() {
                                                    memory, WallMs(), elapsed_ms, intervals);
   if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
   last_record_ms = elapsed_ms;
+  if (option.listen) Publish(record);
   if (!writing) return;
   std::string text;
   switch (option.format) {
@@ -243,6 +263,11 @@ void RecordApp::TakeAndWrite() {
       break;
   }
   Emit(text);
+}
+
+void RecordApp::Publish(const record::Record& record) {
+  server.Publish(record::PrometheusText(record, option.processes),
+                 record::OpenMetricsText(record, option.processes));
 }
 
 void RecordApp::OnCommandEnd() {

@@ -1,7 +1,8 @@
 // The recording session of kvt_zqp_record: the monitor's engines, sampling
-// and figures, written as one record per interval (CSV, JSON lines or the
-// Prometheus text format) to standard output or a file, until the count is
-// reached or SIGINT or SIGTERM ends the run after the record in hand.
+// and figures, written as one record per interval (CSV, JSON lines, the
+// Prometheus text format or OpenMetrics) to standard output or a file, and
+// served over HTTP with --listen, until the count is reached or SIGINT or
+// SIGTERM ends the run after the record in hand.
 #pragma once
 
 #include <chrono>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "app/metrics_server.h"
 #include "app/monitor_app.h"
 #include "app/record_options.h"
 #include "app/wrapped_command.h"
@@ -51,6 +53,8 @@ class RecordApp {
   // summary when a command runs.
   void TakeAndWrite();
   bool StartCommand(const sigset_t& ignored);
+  // Hands a record's texts to the HTTP server.
+  void Publish(const record::Record& record);
   // Writes text as one record; on failure prints why and ends the loop.
   bool Emit(const std::string& text);
   std::int64_t ElapsedMs() const;
@@ -66,6 +70,7 @@ class RecordApp {
   record::RunSummary summary;
   record::OutputFile summary_file;
   WrappedCommand command;
+  MetricsServer server;
   int command_status = 0;
   int killed_by = 0;
   std::int64_t last_record_ms = 0;

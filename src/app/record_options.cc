@@ -18,6 +18,7 @@ constexpr const char* kProgram = kRecordProgram;
 constexpr int kFormatOption = 256;
 constexpr int kSummaryOption = 257;
 constexpr int kProcessesOption = 258;
+constexpr int kListenOption = 259;
 constexpr std::size_t kDefaultProcesses = 10;
 constexpr unsigned long kMaxProcesses = 1000;
 
@@ -28,6 +29,7 @@ const option kRecordOptions[] = {
     {"format", required_argument, nullptr, kFormatOption},
     {"summary", required_argument, nullptr, kSummaryOption},
     {"processes", optional_argument, nullptr, kProcessesOption},
+    {"listen", required_argument, nullptr, kListenOption},
     {"delay", required_argument, nullptr, 'd'},
     {"freq", required_argument, nullptr, 'f'},
     {"number", required_argument, nullptr, 'n'},
@@ -47,6 +49,9 @@ constexpr char kRecordUsage[] =
     "                         a prometheus FILE is replaced whole at every interval\n"
     "      --processes[=N]    prometheus, openmetrics: also the series of the N\n"
     "                         largest ION holders (default N: 10)\n"
+    "      --listen [ADDR][:PORT]\n"
+    "                         serve the latest record over HTTP at /metrics for\n"
+    "                         Prometheus (no ADDR: every address; default PORT 10190)\n"
     "  -d, --delay MS         interval between records in milliseconds, also the\n"
     "                         loading window of YPU and DSP: 100 to 10000 (default 1000)\n"
     "  -f, --freq N           samples per second of YPU and DSP: 10 to 1000 (default 500)\n"
@@ -61,10 +66,12 @@ constexpr char kRecordUsage[] =
     "Without -n or -t the recording runs until SIGINT or SIGTERM, which end it\n"
     "after the record in hand with status 0. A failed write ends it with status 1.\n"
     "\n"
-    "With a COMMAND, records go to -o only when it is given; the recording ends\n"
-    "when the command does, with its exit status (128+N when signal N killed it;\n"
-    "126 or 127 when it cannot be run). SIGINT, SIGTERM, SIGHUP and SIGQUIT are\n"
-    "passed on to the command. -n and -t cannot be combined with a command.\n";
+    "With --listen or a COMMAND, records go to -o only when it is given.\n"
+    "\n"
+    "With a COMMAND, the recording ends when the command does, with its exit\n"
+    "status (128+N when signal N killed it; 126 or 127 when it cannot be run).\n"
+    "SIGINT, SIGTERM, SIGHUP and SIGQUIT are passed on to the command. -n and -t\n"
+    "cannot be combined with a command.\n";
 
 bool ParseFormat(std::string_view text, record::Format& format) {
   if (text == "csv") {
@@ -137,6 +144,15 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
           option.valid = false;
         }
         option.processes = n;
+        break;
+      }
+      case kListenOption: {
+        std::string error;
+        option.listen = true;
+        if (!ParseListenAddress(optarg, option.listen_address, error)) {
+          LogError("%s: %s\n", kProgram, error.c_str());
+          option.valid = false;
+        }
         break;
       }
       case kSummaryOption:

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/metrics_server.h"
 #include "base/monitor_option.h"
 #include "record/writers.h"
 
@@ -31,6 +32,9 @@ struct RecordOption {
   // empty for a plain recording.
   std::vector<std::string> command;
   std::string summary;  // --summary: the summary's JSON goes there too
+  // --listen: serve the latest record over HTTP for Prometheus.
+  bool listen = false;
+  ListenAddress listen_address;
 };
 
 // Parses argv; options end at "--" or the first word that is not one, which

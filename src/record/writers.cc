@@ -373,11 +373,15 @@ std::string PrometheusText(const Record& record, std::size_t processes) {
   return out;
 }
 
-std::string OpenMetricsWriter::Samples(const Record& record, std::size_t processes) {
+namespace {
+
+// The OpenMetrics lines of a record's families; HELP and TYPE for those not
+// yet in declared; samples with the timestamp when one is given.
+std::string OpenMetricsLines(const Record& record, std::size_t processes,
+                             const std::string& timestamp, std::set<std::string>& declared) {
   std::string out;
-  const std::string timestamp = Seconds(record.wall_ms);
   for (const MetricFamily& family : Families(record, processes)) {
-    if (declared_.insert(family.name).second) {
+    if (declared.insert(family.name).second) {
       out += "# HELP " + family.name + " " + family.help + "\n# TYPE " + family.name + " " +
              family.type + "\n";
     }
@@ -388,6 +392,17 @@ std::string OpenMetricsWriter::Samples(const Record& record, std::size_t process
     }
   }
   return out;
+}
+
+}  // namespace
+
+std::string OpenMetricsWriter::Samples(const Record& record, std::size_t processes) {
+  return OpenMetricsLines(record, processes, Seconds(record.wall_ms), declared_);
+}
+
+std::string OpenMetricsText(const Record& record, std::size_t processes) {
+  std::set<std::string> declared;
+  return OpenMetricsLines(record, processes, "", declared) + OpenMetricsWriter::kEnd;
 }
 
 }  // namespace kestro::zqp::record

@@ -1,4 +1,4 @@
-// The three output formats of a Record, each a pure function to text:
+// The output formats of a Record, each a pure function to text:
 // CSV (RFC 4180, CRLF line ends), JSON lines, the Prometheus text
 // exposition format (for node_exporter's textfile collector) and OpenMetrics
 // with timestamps (for backfilling a time-series database).
@@ -37,6 +37,11 @@ std::string JsonLine(const Record& record);
 // loading as a 0-1 ratio; the per-process series of the `processes` largest
 // ION holders only (none for 0).
 std::string PrometheusText(const Record& record, std::size_t processes);
+
+// One record as a whole OpenMetrics exposition, as a scrape gets it: the
+// families of the text format with their OpenMetrics types, samples without
+// timestamps (the scraper stamps them), and "# EOF".
+std::string OpenMetricsText(const Record& record, std::size_t processes);
 
 // A recording in the OpenMetrics text format, for loading into a time-series
 // database afterwards: the families of the text format, every sample with

@@ -1,0 +1,93 @@
+// The recorder's HTTP endpoint for Prometheus: /metrics serves the latest
+// completed record (the text format, or OpenMetrics when the scraper's Accept
+// header prefers it), / a short landing page, 404 elsewhere and 405 for
+// methods other than GET and HEAD.
+//
+// Built on libmicrohttpd, in a target of its own that only the recorder links:
+// the monitor depends on nothing but the C and C++ runtimes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+struct MHD_Daemon;
+struct MHD_Connection;
+
+namespace kestro::zqp::monitor {
+
+// Where to listen: "[ADDR][:PORT]". An empty ADDR is every address (IPv6 and
+// IPv4); an IPv6 address with a port is written in brackets; PORT defaults to
+// kDefaultListenPort, and 0 asks the kernel for a free one.
+struct ListenAddress {
+  std::string host;  // empty: every address
+  std::uint16_t port = 0;
+};
+
+// Prometheus keeps a register of exporters' default ports, 9100-9999, so that
+// exporters on one machine do not collide; that range is fully allocated.
+// This one lies outside it, below Linux's ephemeral range (32768-60999), and
+// is not a port that /etc/services names.
+inline constexpr std::uint16_t kDefaultListenPort = 10190;
+
+// False, with why in error, when text is not "[ADDR][:PORT]" (PORT 0-65535).
+bool ParseListenAddress(std::string_view text, ListenAddress& address, std::string& error);
+
+// True when an Accept header ranks OpenMetrics above the text format (by q,
+// then by order); "text/plain" and "*/*" stand for the text format, and a
+// missing header asks for it.
+bool PrefersOpenMetrics(std::string_view accept);
+
+// Limits that keep a slow or hostile client from stalling scrapes or growing
+// memory. A connection's request line and headers must fit its memory pool,
+// or it gets 431 (414 for a long path).
+struct ServerLimits {
+  unsigned connections = 512;             // simultaneous, scrapes included
+  unsigned idle_timeout_s = 10;           // no byte received or sent for this long: closed
+  std::size_t connection_memory = 16384;  // per connection, request and response buffers
+};
+
+class MetricsServer {
+ public:
+  MetricsServer() = default;
+  MetricsServer(const MetricsServer&) = delete;
+  MetricsServer& operator=(const MetricsServer&) = delete;
+  // Stops the server: closes every connection and joins its thread.
+  ~MetricsServer();
+
+  // Binds and listens on the socket only: errors (address in use, no such
+  // address) come out here, before anything else starts. False with why in
+  // error; nothing is left open then.
+  bool Bind(const ListenAddress& address, std::string& error);
+  // "127.0.0.1:10190", "[::]:10190": where Bind listens, port resolved.
+  std::string BoundAddress() const;
+  // Starts serving on its own thread, which inherits the caller's signal
+  // mask. Until the first Publish, /metrics answers 503. False with why in
+  // error.
+  bool Start(const ServerLimits& limits, std::string& error);
+  // The texts of the latest completed record. Any thread.
+  void Publish(std::string text, std::string open_metrics);
+  // Stops serving; Bind and Start are then needed again.
+  void Stop();
+
+ private:
+  struct Exposition {
+    std::string text;
+    std::string open_metrics;
+  };
+  // libmicrohttpd's callbacks, in the source file.
+  struct Callbacks;
+  friend struct Callbacks;
+  // Queues the response to one request (body: one came with a GET or HEAD);
+  // on the server's thread.
+  bool Answer(MHD_Connection* connection, std::string_view url, std::string_view method, bool body);
+
+  int listen_fd_ = -1;
+  MHD_Daemon* daemon_ = nullptr;
+  mutable std::mutex mutex_;
+  std::shared_ptr<const Exposition> latest_;  // under mutex_
+};
+
+}  // namespace kestro::zqp::monitor
