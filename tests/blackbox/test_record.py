@@ -125,6 +125,31 @@ def prom_samples(text):
     return samples
 
 
+def check_exposed(got, t, r, delay_s, ddr_live=True):
+    """The series of one exposition ({(name, labels): value}, in the report's
+    order unless a server sorted them) against the scenario's truth: loading at
+    the sample's time, DDR, heaps, ION holders."""
+    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
+            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
+    rows.sort(key=lambda row: t["rows"].index(row[0]) if row[0] in t["rows"] else -1)
+    assert [label for label, _ in rows] == t["rows"]
+    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
+    assert check_loading(r.dsp().loading(t["loading"], at, delay_s), t, rows) == []
+    assert got[("kvt_zqp_ddr_figures_live", ())] == int(ddr_live)
+    for direction in ("read", "write"):
+        key = ("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))
+        assert got.get(key) == (t["ddr"][direction] * MIB if ddr_live else None)
+    for name, h in t["heaps"].items():
+        for metric, value in (("size", h["total"]), ("used", h["used"]),
+                              ("free", h["total"] - h["used"])):
+            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
+    pids = r.pids()
+    for name, p in t["processes"].items():
+        key = (("name", name), ("pid", str(pids[name])))
+        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
+    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -173,25 +198,7 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     check = subprocess.run([promtool, "check", "metrics"], input=text, capture_output=True,
                            text=True)
     assert (check.returncode, check.stdout, check.stderr) == (0, "", "")
-    got = prom_samples(text)
-    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
-            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
-    assert [label for label, _ in rows] == t["rows"]
-    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
-    assert check_loading(r.dsp().loading(t["loading"], at, 0.25), t, rows) == []
-    assert got[("kvt_zqp_ddr_figures_live", ())] == 1
-    for direction in ("read", "write"):
-        assert got[("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))] == \
-            t["ddr"][direction] * MIB
-    for name, h in t["heaps"].items():
-        for metric, value in (("size", h["total"]), ("used", h["used"]),
-                              ("free", h["total"] - h["used"])):
-            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
-    pids = r.pids()
-    for name, p in t["processes"].items():
-        key = (("name", name), ("pid", str(pids[name])))
-        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
-    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
+    check_exposed(prom_samples(text), t, r, 0.25)
     # node_exporter read a whole file at every scrape once the first was there.
     seen = scrapes[next(i for i, s in enumerate(scrapes) if "kvt_zqp_" in s):]
     assert len(seen) >= 10
@@ -206,40 +213,6 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
     assert seen[-1].count("\nkvt_zqp_loading_ratio{") == len(t["rows"])
     assert prom_samples(seen[-1])[("kvt_zqp_heap_used_bytes", (("heap", "custom"),))] == \
         t["heaps"]["custom"]["used"]
-
-
-def test_openmetrics_recording_backfills(run_on_board, record_binary, tmp_path):
-    """promtool turns a recording into TSDB blocks that hold every sample of
-    the file at its time, each series at every record, and nothing else."""
-    promtool = shutil.which("promtool")
-    if not promtool:
-        pytest.skip("needs promtool (Debian package prometheus)")
-    out, data, n = tmp_path / "run.om", tmp_path / "data", 12
-    r = run_on_board("full", [record_binary, "--format", "openmetrics", "--processes", "-d", "200",
-                              "-n", str(n), "-o", out])
-    assert (r.returncode, r.stderr) == (0, ""), r.stderr
-    text = out.read_text()
-    assert text.endswith("\n# EOF\n") and text.count("# TYPE kvt_zqp_loading_ratio gauge") == 1
-    made = subprocess.run([promtool, "tsdb", "create-blocks-from", "openmetrics", out, data],
-                          capture_output=True, text=True, timeout=120)
-    assert made.returncode == 0, made.stderr
-    (data / "wal").mkdir()
-    dump = subprocess.run([promtool, "tsdb", "dump", data], capture_output=True, text=True,
-                          timeout=120, check=True).stdout
-
-    def sample(name, labels, value, ms):
-        return name, tuple(sorted(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', labels or ""))), \
-            float(value), int(ms)
-
-    stored = sorted(sample(m[2], m[3], m[4], m[5]) for m in re.finditer(
-        r'\{__name__="(?P<n>(\w+))"(?:, )?(.*)\} (\S+) (\d+)', dump))
-    written = sorted(sample(m[1], m[2], m[3], round(float(m[4]) * 1000)) for m in re.finditer(
-        r"^(\w+)(?:\{(.*)\})? (\S+) (\S+)$", text, re.M))
-    assert stored == written and len(written) > 20 * n
-    per_series = {}
-    for name, labels, _, _ in written:
-        per_series[(name, labels)] = per_series.get((name, labels), 0) + 1
-    assert set(per_series.values()) == {n}, per_series
 
 
 # The runs to plot: one, or two overlaid, the second with one engine only.

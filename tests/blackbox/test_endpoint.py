@@ -1,0 +1,321 @@
+"""kvt_zqp_record --listen on the simulated board: a real Prometheus server
+scraping the endpoint (and node_exporter's textfile job beside it), a
+recording backfilled into a real server, and the endpoint under load and
+abuse on loopback."""
+import http.client
+import json
+import shutil
+import socket
+import subprocess
+import threading
+import time
+import urllib.parse
+import urllib.request
+
+import pytest
+
+from conftest import hang_bound
+from test_record import check_exposed, free_port, prom_samples
+
+# The recorder on the board (argv: binary, port, then its other options) until
+# the test creates "stop" in the board's folder; "kill-ddr" there first kills
+# the DDR tool.
+SERVICE = r"""
+rec=$1; port=$2; shift 2
+"$rec" --listen "127.0.0.1:$port" "$@" & r=$!
+until [ -e "$KZM_SIM_WORKDIR/stop" ]; do
+  if [ -e "$KZM_SIM_WORKDIR/kill-ddr" ] && [ ! -e "$KZM_SIM_WORKDIR/ddr-killed" ]; then
+    pkill -KILL -x plox_ddr && : >"$KZM_SIM_WORKDIR/ddr-killed"
+  fi
+  sleep 0.05
+done
+kill -TERM $r
+wait $r
+"""
+OPEN_METRICS = ("application/openmetrics-text;version=1.0.0,application/openmetrics-text;"
+                "version=0.0.1;q=0.75,text/plain;version=0.0.4;q=0.5,*/*;q=0.1")
+
+
+def wait_until(what, seconds, check):
+    """check()'s first true value, trying every 0.1 s; fails after the (hang) bound."""
+    end = time.monotonic() + hang_bound(seconds)
+    while time.monotonic() < end:
+        value = check()
+        if value:
+            return value
+        time.sleep(0.1)
+    pytest.fail(f"{what}: not within {hang_bound(seconds)} s")
+
+
+class Service:
+    """The recorder serving on the board in a thread; its BoardRun once stopped."""
+
+    def __init__(self, run_on_board, tmp_path, record_binary, options):
+        self.port, self.folder = free_port(), tmp_path / "board1"
+        self.run = None
+        args = ["sh", "-c", SERVICE, "sh", record_binary, str(self.port), *options]
+        self.thread = threading.Thread(
+            target=lambda: setattr(self, "run", run_on_board("full", args, timeout=240)))
+        self.thread.start()
+
+    def signal(self, name):
+        wait_until("the board's folder", 60,
+                   lambda: self.folder.is_dir() or not self.thread.is_alive())
+        if self.thread.is_alive():
+            (self.folder / name).touch()
+
+    def stop(self):
+        self.signal("stop")
+        self.thread.join()
+        return self.run
+
+
+def start_prometheus(tmp_path, config="", data=None):
+    """A Prometheus server on 127.0.0.1 with scratch storage (or data), ready;
+    skips without one."""
+    binary = shutil.which("prometheus")
+    if binary is None:
+        pytest.skip("needs a Prometheus server (Debian package prometheus)")
+    port, config_file = free_port(), tmp_path / "prometheus.yml"
+    config_file.write_text(config or "scrape_configs: []\n")
+    log = open(tmp_path / "prometheus.log", "w")
+    server = subprocess.Popen([binary, f"--config.file={config_file}",
+                               f"--storage.tsdb.path={data or tmp_path / 'tsdb'}",
+                               f"--web.listen-address=127.0.0.1:{port}"],
+                              stdout=log, stderr=log)
+
+    def ready():
+        try:
+            return urllib.request.urlopen(f"http://127.0.0.1:{port}/-/ready", timeout=5).status
+        except OSError:
+            return None
+
+    wait_until("Prometheus ready", 60, ready)
+    return server, port
+
+
+def query(port, expr, **params):
+    """The API's answer to an instant (or, with start/end/step, range) query:
+    [(labels without __name__, job and instance, name, job, values)]."""
+    path = "query_range" if "step" in params else "query"
+    url = (f"http://127.0.0.1:{port}/api/v1/{path}?" +
+           urllib.parse.urlencode(dict(params, query=expr)))
+    answer = json.load(urllib.request.urlopen(url, timeout=30))
+    assert answer["status"] == "success", answer
+    out = []
+    for series in answer["data"]["result"]:
+        labels = dict(series["metric"])
+        name, job = labels.pop("__name__", None), labels.pop("job", None)
+        labels.pop("instance", None)
+        values = series.get("values") or [series["value"]]
+        out.append((tuple(sorted(labels.items())), name, job,
+                    [(float(t), float(v)) for t, v in values]))
+    return out
+
+
+def exposed(port, job):
+    """{(name, labels): value} of a job's latest scrape, as the server has it."""
+    return {(name, labels): values[-1][1] for labels, name, _, values in
+            query(port, f'{{__name__=~"kvt_zqp_.+",job="{job}"}}')}
+
+
+def test_prometheus_scrapes_the_endpoint(run_on_board, record_binary, truth, tmp_path):
+    exporter = shutil.which("prometheus-node-exporter")
+    if exporter is None:
+        pytest.skip("needs prometheus-node-exporter (Debian package of that name)")
+    t, folder, node_port = truth("full"), tmp_path / "textfile", free_port()
+    folder.mkdir()
+    node = subprocess.Popen([exporter, f"--web.listen-address=127.0.0.1:{node_port}",
+                             "--collector.disable-defaults", "--collector.textfile",
+                             f"--collector.textfile.directory={folder}"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    service = Service(run_on_board, tmp_path, record_binary,
+                      ["-d", "500", "--processes", "--format", "prometheus", "-o",
+                       folder / "kvt_zqp.prom"])
+    jobs = {"kvt_zqp": service.port, "node": node_port}
+    server, port = start_prometheus(tmp_path, "global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
+                                    "scrape_configs:\n" + "".join(
+                                        f"  - job_name: {job}\n    static_configs: [{{targets: "
+                                        f"['127.0.0.1:{p}']}}]\n" for job, p in jobs.items()))
+    try:
+        # Both jobs up with every loading row, then the same once the DDR
+        # tool is dead and the figures are known not to be live.
+        def all_rows():
+            up = {job: v[-1][1] for _, _, job, v in query(port, "up")}
+            return (up == {"kvt_zqp": 1, "node": 1} and
+                    all(query(port, f'count(kvt_zqp_loading_ratio{{job="{job}"}}) == '
+                                    f'{len(t["rows"])}') for job in jobs))
+
+        wait_until("both jobs up with every row", 60, all_rows)
+        live = {job: exposed(port, job) for job in jobs}
+        service.signal("kill-ddr")
+        wait_until("DDR figures not live in both jobs", 60, lambda: all(
+            exposed(port, job).get(("kvt_zqp_ddr_figures_live", ())) == 0 for job in jobs))
+        dead = {job: exposed(port, job) for job in jobs}
+        up = {job: v[-1][1] for _, _, job, v in query(port, "up")}
+        text = urllib.request.urlopen(f"http://127.0.0.1:{service.port}/metrics",
+                                      timeout=30).read().decode()
+    finally:
+        r = service.stop()
+        server.terminate()
+        node.terminate()
+        server.wait()
+        node.wait()
+    assert (r.returncode, r.stdout) == (0, ""), r.stderr
+    assert (r.workdir / "ddr-killed").exists() and up == {"kvt_zqp": 1, "node": 1}
+    for job in jobs:
+        check_exposed(live[job], t, r, 0.5)
+        check_exposed(dead[job], t, r, 0.5, ddr_live=False)
+    # Both routes carry the same series.
+    assert set(live["kvt_zqp"]) == set(live["node"])
+    # The scraper asked for OpenMetrics, which the server parsed; promtool
+    # lints the text format.
+    check = subprocess.run([shutil.which("promtool"), "check", "metrics"], input=text,
+                           capture_output=True, text=True)
+    assert (check.returncode, check.stdout, check.stderr) == (0, "", "")
+
+
+def test_recording_backfills_a_real_server(run_on_board, record_binary, tmp_path):
+    """A 60-record OpenMetrics recording made into blocks by promtool: a server
+    started on them has every recorded value at its time, and a range query
+    at the recording's interval finds at each step the value last recorded."""
+    promtool = shutil.which("promtool")
+    if not promtool:
+        pytest.skip("needs promtool (Debian package prometheus)")
+    out, data, n = tmp_path / "run.om", tmp_path / "data", 60
+    r = run_on_board("full", [record_binary, "--format", "openmetrics", "--processes", "-d", "200",
+                              "-n", str(n), "-o", out])
+    assert (r.returncode, r.stderr) == (0, ""), r.stderr
+    made = subprocess.run([promtool, "tsdb", "create-blocks-from", "openmetrics", out, data],
+                          capture_output=True, text=True, timeout=120)
+    assert made.returncode == 0, made.stderr
+    written = sorted((name, labels, ts, v) for (name, labels), ts, v in
+                     om_samples(out.read_text()))
+    first, last = written[0][2], max(ts for _, _, ts, _ in written)
+    server, port = start_prometheus(tmp_path, data=data)
+    try:
+        stored = sorted((name, labels, ts, v) for labels, name, _, values in
+                        query(port, '{__name__=~"kvt_zqp_.+"}[1d]', time=last + 1)
+                        for ts, v in values)
+        elapsed = [(ts, v) for name, _, ts, v in written if name == "kvt_zqp_elapsed_seconds"]
+        steps = query(port, "kvt_zqp_elapsed_seconds", start=first, end=last, step=0.2)
+    finally:
+        server.terminate()
+        server.wait()
+    assert stored == written
+    # Every series at every record, declared once.
+    per_series = {}
+    for name, labels, _, _ in written:
+        per_series[(name, labels)] = per_series.get((name, labels), 0) + 1
+    assert set(per_series.values()) == {n} and len(per_series) > 20, per_series
+    assert out.read_text().count("# TYPE kvt_zqp_loading_ratio gauge") == 1
+    [(_, _, _, values)] = steps
+    assert len(values) == round((last - first) / 0.2) + 1
+    for at, value in values:
+        assert value == max((ts, v) for ts, v in elapsed if ts <= at + 1e-6)[1], at
+
+
+def om_samples(text):
+    """[((name, labels), timestamp, value)] of an OpenMetrics recording."""
+    assert text.endswith("\n# EOF\n")
+    out = []
+    for line in text.splitlines():
+        if line.startswith("#"):
+            continue
+        name_labels, value, stamp = line.rsplit(" ", 2)
+        [(key, _)] = prom_samples(f"{name_labels} {value}").items()
+        out.append((key, float(stamp), float(value)))
+    return out
+
+
+def scrape(connection, accept):
+    """One GET /metrics on a kept connection: (status, body)."""
+    connection.request("GET", "/metrics", headers={"Accept": accept})
+    response = connection.getresponse()
+    return response.status, response.read().decode()
+
+
+def raw(port, request, timeout=10):
+    """A request as bytes on a new connection: the status line of the answer,
+    or "" when the server closed without one."""
+    with socket.create_connection(("127.0.0.1", port), timeout=hang_bound(timeout)) as s:
+        s.sendall(request)
+        return s.recv(4096).split(b"\r\n")[0].decode()
+
+
+def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
+    service = Service(run_on_board, tmp_path, record_binary, ["-d", "500", "-o",
+                                                              tmp_path / "run.csv"])
+    failures, done, counts = [], [], []
+    try:
+        def answering():
+            try:
+                return raw(service.port, b"GET / HTTP/1.0\r\n\r\n") == "HTTP/1.1 200 OK"
+            except OSError:
+                return False
+
+        wait_until("the endpoint answering", 60, answering)
+
+        # 20 scrapers at 10 Hz for a minute, each on one kept connection, half
+        # asking for OpenMetrics as Prometheus does.
+        def scraper(i):
+            accept = OPEN_METRICS if i % 2 else "text/plain"
+            connection = http.client.HTTPConnection("127.0.0.1", service.port,
+                                                    timeout=hang_bound(10))
+            n, start = 0, time.monotonic()
+            while time.monotonic() - start < 60:
+                try:
+                    status, body = scrape(connection, accept)
+                    if status != 200 or "\nkvt_zqp_heap_size_bytes{" not in body or (
+                            i % 2 and not body.endswith("\n# EOF\n")):
+                        failures.append((i, status, body[-200:]))
+                except (OSError, http.client.HTTPException) as e:
+                    failures.append((i, repr(e)))
+                    connection.close()
+                n += 1
+                time.sleep(max(0.0, start + n * 0.1 - time.monotonic()))
+            counts.append(n)
+            connection.close()
+
+        threads = [threading.Thread(target=scraper, args=(i,)) for i in range(20)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        assert (failures, len(counts)) == ([], 20)
+
+        # 200 connections that send nothing or half a request keep no scrape
+        # waiting; bad requests get their 4xx and change nothing.
+        held = []
+        for i in range(200):
+            held.append(socket.create_connection(("127.0.0.1", service.port)))
+            if i % 2:
+                held[-1].sendall(b"GET /metr")
+        before = prom_samples(scrape(http.client.HTTPConnection(
+            "127.0.0.1", service.port, timeout=hang_bound(10)), "text/plain")[1])
+        for _ in range(20):
+            connection = http.client.HTTPConnection("127.0.0.1", service.port,
+                                                    timeout=hang_bound(5))
+            done.append(scrape(connection, OPEN_METRICS)[0])
+            connection.close()
+        bad = [raw(service.port, request) for request in (
+            b"GET /metrics HTTP/1.1\r\nHost: x\r\nX: " + b"x" * 20000 + b"\r\n\r\n",
+            b"GET /" + b"m" * 20000 + b" HTTP/1.1\r\nHost: x\r\n\r\n",
+            b"POST /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\nxx",
+            b"GET /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nhello",
+            b"GET /metrics\r\n\r\n",
+            b"GET /metrics HTTP/7.1\r\n\r\n",
+            b"GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n")]
+        after = prom_samples(scrape(http.client.HTTPConnection(
+            "127.0.0.1", service.port, timeout=hang_bound(10)), "text/plain")[1])
+        for s in held:
+            s.close()
+    finally:
+        r = service.stop()
+    assert (r.returncode, r.stdout, r.stderr) == (0, "", "")
+    assert done == [200] * 20
+    assert bad == ["HTTP/1.1 431 Request Header Fields Too Large", "HTTP/1.1 414 URI Too Long",
+                   "HTTP/1.1 405 Method Not Allowed", "HTTP/1.1 413 Content Too Large",
+                   "HTTP/1.1 400 Bad Request", "HTTP/1.1 505 HTTP Version Not Supported",
+                   "HTTP/1.1 404 Not Found"]
+    assert set(before) == set(after) and len(before) > 20
