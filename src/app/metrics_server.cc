@@ -1,7 +1,6 @@
 #include "app/metrics_server.h"
 
 #include <arpa/inet.h>
-#include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -13,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/http_library.h"
 #include "base/version.h"
 
 namespace kestro::zqp::monitor {
@@ -140,6 +140,11 @@ MetricsServer::~MetricsServer() {
 
 bool MetricsServer::Bind(const ListenAddress& address, std::string& error) {
   Stop();
+  http_ = LoadHttpLibrary(error);
+  if (http_ == nullptr) {
+    error = "--listen needs the package libmicrohttpd12: " + error;
+    return false;
+  }
   const std::string port = std::to_string(address.port);
   const std::string where =
       (address.host.find(':') == std::string::npos ? address.host : "[" + address.host + "]") +
@@ -227,11 +232,12 @@ struct MetricsServer::Callbacks {
     // body is read, and the connection then closes. A GET or HEAD is answered
     // once its request is complete, so that the connection can be kept for
     // the next scrape.
-    const char* length =
-        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    const bool body = (length != nullptr && std::string_view(length) != "0") ||
-                      MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
-                                                  MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr;
+    const char* length = server->http_->lookup_connection_value(connection, MHD_HEADER_KIND,
+                                                                MHD_HTTP_HEADER_CONTENT_LENGTH);
+    const bool body =
+        (length != nullptr && std::string_view(length) != "0") ||
+        server->http_->lookup_connection_value(connection, MHD_HEADER_KIND,
+                                               MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr;
     if ((verb == "GET" || verb == "HEAD") && !body) {
       *state = &seen;
       return MHD_YES;
@@ -249,7 +255,7 @@ bool MetricsServer::Start(const ServerLimits& limits, std::string& error) {
   }
   // One thread waits on epoll for every connection, so idle or slow clients
   // cost a descriptor and their memory pool each, never a thread.
-  daemon_ = MHD_start_daemon(
+  daemon_ = http_->start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, &Callbacks::Access,
       this, MHD_OPTION_LISTEN_SOCKET, static_cast<MHD_socket>(listen_fd_),
       MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned int>(limits.connections),
@@ -266,7 +272,7 @@ bool MetricsServer::Start(const ServerLimits& limits, std::string& error) {
 void MetricsServer::Stop() {
   if (daemon_ != nullptr) {
     // The daemon closes the listening socket it was given.
-    MHD_stop_daemon(daemon_);
+    http_->stop_daemon(daemon_);
     daemon_ = nullptr;
     listen_fd_ = -1;
   }
@@ -305,7 +311,7 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
       const std::lock_guard<std::mutex> hold(mutex_);
       latest = latest_;
     }
-    const char* accept = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Accept");
+    const char* accept = http_->lookup_connection_value(connection, MHD_HEADER_KIND, "Accept");
     if (latest == nullptr) {
       response = {MHD_HTTP_SERVICE_UNAVAILABLE, response.type, "503 no record yet\n", nullptr};
     } else if (PrefersOpenMetrics(accept ? accept : "")) {
@@ -316,20 +322,20 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
   }
   // The body stays where it is: the response holds what owns it.
   auto* owner = new std::shared_ptr<const void>(std::move(response.owner));
-  MHD_Response* reply = MHD_create_response_from_buffer_with_free_callback_cls(
+  MHD_Response* reply = http_->create_response(
       response.body.size(), const_cast<char*>(response.body.data()), &Callbacks::Release, owner);
   if (reply == nullptr) {
     Callbacks::Release(owner);
     return false;
   }
-  MHD_add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.type);
+  http_->add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.type);
   if (response.status == MHD_HTTP_METHOD_NOT_ALLOWED) {
-    MHD_add_response_header(reply, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    http_->add_response_header(reply, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
   } else if (response.status == MHD_HTTP_SERVICE_UNAVAILABLE) {
-    MHD_add_response_header(reply, MHD_HTTP_HEADER_RETRY_AFTER, "1");
+    http_->add_response_header(reply, MHD_HTTP_HEADER_RETRY_AFTER, "1");
   }
-  const MHD_Result queued = MHD_queue_response(connection, response.status, reply);
-  MHD_destroy_response(reply);
+  const MHD_Result queued = http_->queue_response(connection, response.status, reply);
+  http_->destroy_response(reply);
   return queued == MHD_YES;
 }
 

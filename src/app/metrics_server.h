@@ -3,8 +3,8 @@
 // header prefers it), / a short landing page, 404 elsewhere and 405 for
 // methods other than GET and HEAD.
 //
-// Built on libmicrohttpd, in a target of its own that only the recorder links:
-// the monitor depends on nothing but the C and C++ runtimes.
+// Built on libmicrohttpd, which Bind loads at run time (http_library.h): only
+// a recorder asked to listen loads it, and the monitor never does.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,8 @@ struct MHD_Daemon;
 struct MHD_Connection;
 
 namespace kestro::zqp::monitor {
+
+struct HttpLibrary;
 
 // Where to listen: "[ADDR][:PORT]". An empty ADDR is every address (IPv6 and
 // IPv4); an IPv6 address with a port is written in brackets; PORT defaults to
@@ -57,9 +59,9 @@ class MetricsServer {
   // Stops the server: closes every connection and joins its thread.
   ~MetricsServer();
 
-  // Binds and listens on the socket only: errors (address in use, no such
-  // address) come out here, before anything else starts. False with why in
-  // error; nothing is left open then.
+  // Loads the HTTP library, then binds and listens on the socket only: errors
+  // (no library, address in use, no such address) come out here, before
+  // anything else starts. False with why in error; nothing is left open then.
   bool Bind(const ListenAddress& address, std::string& error);
   // "127.0.0.1:10190", "[::]:10190": where Bind listens, port resolved.
   std::string BoundAddress() const;
@@ -84,6 +86,7 @@ class MetricsServer {
   // on the server's thread.
   bool Answer(MHD_Connection* connection, std::string_view url, std::string_view method, bool body);
 
+  const HttpLibrary* http_ = nullptr;  // set by Bind
   int listen_fd_ = -1;
   MHD_Daemon* daemon_ = nullptr;
   mutable std::mutex mutex_;

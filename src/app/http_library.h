@@ -1,0 +1,36 @@
+// libmicrohttpd, loaded at run time by the recorder's --listen only.
+//
+// Debian builds the library against GnuTLS: linking it would load GnuTLS and
+// its eight dependencies (about 3 MiB resident) into every recorder, also one
+// that never listens, and run their initialisers at each start. Loaded on
+// demand, a recorder without --listen stays as light as the monitor.
+#pragma once
+
+#include <microhttpd.h>
+
+#include <string>
+
+namespace kestro::zqp::monitor {
+
+// The library's soname on Debian 12 (package libmicrohttpd12), both arches.
+inline constexpr char kHttpLibrary[] = "libmicrohttpd.so.12";
+
+// The functions the server calls, resolved by name from kHttpLibrary. The
+// packaging reads the names from the KZM_HTTP_SYMBOL lines of the source to
+// compute the library version the package recommends.
+struct HttpLibrary {
+  decltype(&MHD_start_daemon) start_daemon;
+  decltype(&MHD_stop_daemon) stop_daemon;
+  decltype(&MHD_lookup_connection_value) lookup_connection_value;
+  decltype(&MHD_create_response_from_buffer_with_free_callback_cls) create_response;
+  decltype(&MHD_add_response_header) add_response_header;
+  decltype(&MHD_queue_response) queue_response;
+  decltype(&MHD_destroy_response) destroy_response;
+};
+
+// Loads the library once per process and keeps it loaded. Null, with why in
+// error ("libmicrohttpd.so.12: cannot open shared object file: ..."), when the
+// library or one of its functions is missing; a later call tries again.
+const HttpLibrary* LoadHttpLibrary(std::string& error);
+
+}  // namespace kestro::zqp::monitor
