@@ -3,6 +3,7 @@
 #include "base/version.h"
 
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -160,13 +161,19 @@ std::string PrometheusLabelValue(std::string_view bytes) {
 }
 
 std::string Rfc3339(std::int64_t wall_ms) {
-  const std::time_t seconds = static_cast<std::time_t>(wall_ms / 1000);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
+  // Calendar arithmetic only: gmtime_r would first load the local time zone
+  // (/etc/localtime), whose code and data a UTC stamp has no use for.
+  using namespace std::chrono;
+  const sys_time<milliseconds> time{milliseconds(wall_ms)};
+  const sys_days day = floor<days>(time);
+  const year_month_day date(day);
+  const hh_mm_ss<milliseconds> clock(time - day);
   char text[48];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
-                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                static_cast<int>(wall_ms % 1000));
+  std::snprintf(
+      text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+      static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
   return text;
 }
 

@@ -138,6 +138,17 @@ TEST(WritersTest, EachFormatOfOneRecord) {
   EXPECT_EQ(PrometheusText(record, 0).find("process"), std::string::npos);
 }
 
+// Leap days of 2000 and 2024 and none in 2100; the milliseconds kept.
+TEST(WritersTest, Rfc3339Stamps) {
+  for (const auto& [ms, text] : std::vector<std::pair<std::int64_t, std::string>>{
+           {0, "1970-01-01T00:00:00.000Z"},
+           {951782400001, "2000-02-29T00:00:00.001Z"},
+           {1709251199999, "2024-02-29T23:59:59.999Z"},
+           {4107542400000, "2100-03-01T00:00:00.000Z"}}) {
+    EXPECT_EQ(Rfc3339(ms), text);
+  }
+}
+
 // Figures the recorder cannot vouch for stay out of a record: the DDR figures
 // of a tool that is not answering, the heaps of a heap text that could not
 // be read (which the report keeps showing).
