@@ -17,9 +17,9 @@ import argparse
 import json
 import os
 import statistics
-import subprocess
 import sys
-import tempfile
+
+from on_board import run_on_board
 
 REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 
@@ -53,17 +53,10 @@ def main():
     parser.add_argument("--scenario", default="dsp_churn")
     args = parser.parse_args()
     build = os.path.realpath(args.build_dir)
-    with tempfile.TemporaryDirectory() as tmp:
-        script, out = os.path.join(tmp, "inside.py"), os.path.join(tmp, "rows.json")
-        with open(script, "w") as f:
-            f.write(INSIDE)
-        subprocess.run([os.path.join(REPO, "sim", "run-board"), "--build-dir", build,
-                        "--scenario", args.scenario, "--", "/usr/bin/python3", script,
-                        os.path.join(build, "kvt_zqp_record"),
-                        os.path.join(build, "sim", "kzm_dsp_client"), str(args.runs),
-                        str(int(args.seconds * 1000)), out], check=True)
-        with open(out) as f:
-            rows = json.load(f)
+    rows = run_on_board(INSIDE, build, args.scenario,
+                        [os.path.join(build, "kvt_zqp_record"),
+                         os.path.join(build, "sim", "kzm_dsp_client"), args.runs,
+                         int(args.seconds * 1000)])
     bare, wrapped, inner = ([r[i] for r in rows] for i in range(3))
     extra = [w - b for b, w, _ in rows]
     print(f"scenario {args.scenario}, command of {args.seconds:.1f} s, {len(rows)} runs each")
