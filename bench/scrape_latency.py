@@ -39,12 +39,13 @@ EXPECTED = re.compile(r"(Start open|Open) ypu core \d+( success)?$|signal 15: re
 
 INSIDE = r"""
 import http.client, json, os, re, signal, socket, subprocess, sys, threading, time
+sys.path.insert(0, sys.argv.pop(1))  # bench/, for measure.py's /proc readers
+from measure import proc_cpu_s, proc_status
 monitor, record, seconds, scrapers, rate, out = sys.argv[1:7]
 seconds, scrapers, rate = float(seconds), int(scrapers), float(rate)
 tmp = os.path.dirname(out)
 ACCEPT = ("application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;"
           "q=0.75,text/plain;version=0.0.4;q=0.5,*/*;q=0.1")
-TICK = os.sysconf("SC_CLK_TCK")
 
 def start(cmd, name):
     err = open(os.path.join(tmp, name + ".err"), "w")
@@ -64,14 +65,8 @@ if port is None:
     sys.exit("no 'listening:' line from the recorder")
 
 def sample():
-    s = {}
-    for name, p in procs.items():
-        with open(f"/proc/{p.pid}/stat") as f:
-            fields = f.read().rsplit(")", 1)[1].split()
-        with open(f"/proc/{p.pid}/status") as f:
-            rss = int(re.search(r"^VmRSS:\s+(\d+)", f.read(), re.M).group(1))
-        s[name] = ((int(fields[11]) + int(fields[12])) / TICK, rss)
-    return time.monotonic(), s
+    return time.monotonic(), {name: (proc_cpu_s(p.pid), proc_status(p.pid, "VmRSS"))
+                              for name, p in procs.items()}
 
 def scraper(t0, count, lat, fails):
     conn = None
@@ -153,7 +148,8 @@ def main():
     args = parser.parse_args()
     build = os.path.realpath(args.build_dir)
     result = run_on_board(INSIDE, build, args.scenario,
-                          [os.path.join(build, "kvt_zqp_monitor"),
+                          [os.path.dirname(os.path.realpath(__file__)),
+                           os.path.join(build, "kvt_zqp_monitor"),
                            os.path.join(build, "kvt_zqp_record"), args.seconds, args.scrapers,
                            args.rate])
     figures = {"scenario": args.scenario, "scrapers": args.scrapers, "rate_hz": args.rate,

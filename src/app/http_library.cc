@@ -2,58 +2,46 @@
 
 #include <dlfcn.h>
 
-#include <mutex>
+#include <optional>
+
+#include "base/shared_library.h"
 
 namespace kestro::zqp::monitor {
 namespace {
 
-#define KZM_HTTP_SYMBOL(field, name) \
-  { reinterpret_cast<void**>(&library.field), #name }
-
-bool Load(HttpLibrary& library, std::string& error) {
-  dlerror();
-  // Never closed: the server's thread and responses may run until exit.
+std::optional<HttpLibrary> Open(std::string& error) {
   void* handle = dlopen(kHttpLibrary, RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char* why = dlerror();
     error = why != nullptr ? why : std::string(kHttpLibrary) + ": cannot be loaded";
-    return false;
+    return std::nullopt;
   }
-  const struct {
-    void** slot;
-    const char* name;
-  } symbols[] = {
-      KZM_HTTP_SYMBOL(start_daemon, MHD_start_daemon),
-      KZM_HTTP_SYMBOL(stop_daemon, MHD_stop_daemon),
-      KZM_HTTP_SYMBOL(lookup_connection_value, MHD_lookup_connection_value),
-      KZM_HTTP_SYMBOL(create_response, MHD_create_response_from_buffer_with_free_callback_cls),
-      KZM_HTTP_SYMBOL(add_response_header, MHD_add_response_header),
-      KZM_HTTP_SYMBOL(queue_response, MHD_queue_response),
-      KZM_HTTP_SYMBOL(destroy_response, MHD_destroy_response),
-  };
-  static_assert(sizeof symbols / sizeof symbols[0] == sizeof(HttpLibrary) / sizeof(void*),
-                "every function of HttpLibrary is resolved");
-  for (const auto& symbol : symbols) {
-    *symbol.slot = dlsym(handle, symbol.name);
-    if (*symbol.slot == nullptr) {
-      error = std::string(kHttpLibrary) + ": no function " + symbol.name;
-      return false;
-    }
+  HttpLibrary library{};
+  std::string why;
+  // The names are read by scripts/package too, for the version it recommends.
+  if (!ResolveSymbol(handle, "MHD_start_daemon", library.start_daemon, why) ||
+      !ResolveSymbol(handle, "MHD_stop_daemon", library.stop_daemon, why) ||
+      !ResolveSymbol(handle, "MHD_lookup_connection_value", library.lookup_connection_value, why) ||
+      !ResolveSymbol(handle, "MHD_create_response_from_buffer_with_free_callback_cls",
+                     library.create_response, why) ||
+      !ResolveSymbol(handle, "MHD_add_response_header", library.add_response_header, why) ||
+      !ResolveSymbol(handle, "MHD_queue_response", library.queue_response, why) ||
+      !ResolveSymbol(handle, "MHD_destroy_response", library.destroy_response, why)) {
+    error = why;  // dlerror names the library and the symbol
+    dlclose(handle);
+    return std::nullopt;
   }
-  return true;
+  // Never closed: the server's thread and responses may run until exit.
+  return library;
 }
-
-#undef KZM_HTTP_SYMBOL
 
 }  // namespace
 
 const HttpLibrary* LoadHttpLibrary(std::string& error) {
-  static std::mutex mutex;
-  static HttpLibrary library;
-  static bool loaded = false;
-  const std::lock_guard<std::mutex> hold(mutex);
-  if (!loaded) loaded = Load(library, error);
-  return loaded ? &library : nullptr;
+  static std::string why;
+  static const std::optional<HttpLibrary> library = Open(why);
+  if (!library) error = why;
+  return library ? &*library : nullptr;
 }
 
 }  // namespace kestro::zqp::monitor

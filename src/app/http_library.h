@@ -16,8 +16,8 @@ namespace kestro::zqp::monitor {
 inline constexpr char kHttpLibrary[] = "libmicrohttpd.so.12";
 
 // The functions the server calls, resolved by name from kHttpLibrary. The
-// packaging reads the names from the KZM_HTTP_SYMBOL lines of the source to
-// compute the library version the package recommends.
+// packaging reads their names ("MHD_...") from http_library.cc to compute the
+// library version the package recommends.
 struct HttpLibrary {
   decltype(&MHD_start_daemon) start_daemon;
   decltype(&MHD_stop_daemon) stop_daemon;
@@ -28,9 +28,10 @@ struct HttpLibrary {
   decltype(&MHD_destroy_response) destroy_response;
 };
 
-// Loads the library once per process and keeps it loaded. Null, with why in
-// error ("libmicrohttpd.so.12: cannot open shared object file: ..."), when the
-// library or one of its functions is missing; a later call tries again.
+// Loads the library at the first call and keeps it loaded; later calls give
+// the first one's outcome. Null, with why in error ("libmicrohttpd.so.12:
+// cannot open shared object file: ..."), when the library or one of its
+// functions is missing.
 const HttpLibrary* LoadHttpLibrary(std::string& error);
 
 }  // namespace kestro::zqp::monitor

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include "base/log.h"
+#include "base/shared_library.h"
 
 namespace kestro::zqp {
 namespace {
@@ -13,16 +14,10 @@ constexpr unsigned int kIdleCapacity = 64;
 
 template <typename Function>
 bool Resolve(void* handle, const char* soname, const char* symbol, Function& out) {
-  dlerror();
-  void* address = dlsym(handle, symbol);
-  if (address == nullptr) {
-    const char* why = dlerror();
-    LogVerbose("YPU library %s lacks %s: %s\n", soname, symbol,
-               why != nullptr ? why : "symbol is null");
-    return false;
-  }
-  out = reinterpret_cast<Function>(address);
-  return true;
+  std::string why;
+  if (ResolveSymbol(handle, symbol, out, why)) return true;
+  LogVerbose("YPU library %s lacks %s: %s\n", soname, symbol, why.c_str());
+  return false;
 }
 
 }  // namespace

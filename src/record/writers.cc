@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 
 #include "base/version.h"
 #include "monitors/memory_usage.h"
