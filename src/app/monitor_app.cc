@@ -1,18 +1,13 @@
 #include "app/monitor_app.h"
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <functional>
 
-#include "base/fatal_signals.h"
+#include "app/fatal_signal_handler.h"
 #include "base/log.h"
 #include "display/report.h"
-#include "monitor/monitor_config.h"
-#include "monitors/monitor_registry.h"
 
 namespace kestro::zqp::monitor {
 namespace {
@@ -20,74 +15,7 @@ namespace {
 // Frames drawn so far plus one; only the main thread touches it.
 std::uint32_t g_frame_counter = 1;
 
-// What a fatal signal runs before the signal is raised again.
-std::function<void(int)> g_signal_callback;
-
-void HandleFatalSignal(int sig) {
-  if (g_signal_callback) g_signal_callback(sig);
-  signal(sig, SIG_DFL);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, sig);
-  sigprocmask(SIG_UNBLOCK, &only, nullptr);
-  raise(sig);
-  // Still alive: the default action did not end the process.
-  _exit(128 | sig);
-}
-
 }  // namespace
-
-void InstallFatalSignalHandler(std::function<void(int)> callback) {
-  g_signal_callback = std::move(callback);
-  for (int sig = 1; sig < 32; ++sig) {
-    if (kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
-  }
-}
-
-void ClearFatalSignalCallback() {
-  g_signal_callback = nullptr;
-}
-
-bool MonitorSet::Create(const MonitorOption& option,
-                        const std::shared_ptr<WatchTaskRunner>& runner) {
-  ddr_silence_ms = std::max<std::int64_t>(3000, 3 * static_cast<std::int64_t>(option.delay_ms));
-  MonitorConfig ddr_config;
-  if (!BuildDdrConfig(option, ddr_config)) return false;
-  ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
-  ddr_monitor->Start();
-
-  std::vector<MonitorConfig> configs;
-  if (!GenerateMonitorConfigs(option, configs)) return false;
-  for (const MonitorConfig& config : configs) {
-    std::shared_ptr<MonitorBase> monitor = CreateMonitor(config, runner);
-    if (!monitor) continue;
-    monitors.push_back(monitor);
-    monitor->Start();
-  }
-  return true;
-}
-
-void MonitorSet::Stop() {
-  if (stopped.load()) return;
-  if (ddr_monitor) ddr_monitor->Stop();
-  for (const auto& monitor : monitors) monitor->Stop();
-  stopped.store(true);
-}
-
-void MonitorSet::EndToolNow() {
-  if (ddr_monitor) ddr_monitor->EndToolNow();
-}
-
-DdrFigures MonitorSet::Ddr() const {
-  DdrFigures ddr;
-  if (ddr_monitor) {
-    ddr.ready = ddr_monitor->IsReady();
-    ddr.live = ddr_monitor->IsAnswering(ddr_silence_ms);
-    ddr.read = static_cast<std::uint32_t>(ddr_monitor->ReadBandwidth());
-    ddr.write = static_cast<std::uint32_t>(ddr_monitor->WriteBandwidth());
-  }
-  return ddr;
-}
 
 MonitorApp::MonitorApp(const MonitorOption& option)
     : terminal(option.batch),

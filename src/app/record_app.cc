@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/fatal_signal_handler.h"
 #include "app/option_parser.h"
 #include "base/fatal_signals.h"
 #include "base/log.h"

@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "app/metrics_server.h"
-#include "app/monitor_app.h"
+#include "app/monitor_set.h"
 #include "app/record_options.h"
 #include "app/wrapped_command.h"
 #include "monitors/memory_usage.h"
@@ -21,6 +20,7 @@
 #include "record/summary.h"
 #include "record/writers.h"
 #include "runner/watch_task_runner.h"
+#include "serve/metrics_server.h"
 
 namespace kestro::zqp::monitor {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "app/metrics_server.h"
 #include "base/monitor_option.h"
 #include "record/writers.h"
+#include "serve/metrics_server.h"
 
 namespace kestro::zqp::monitor {
 

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/process_descriptor.h"
 #include "base/process_setup.h"
-#include "monitors/dsp_process_table.h"
 
 namespace kestro::zqp::monitor {
 

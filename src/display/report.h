@@ -9,19 +9,10 @@
 
 #include "display/terminal_display.h"
 #include "monitor/monitor_base.h"
+#include "monitors/ddr_monitor.h"
 #include "monitors/memory_usage.h"
 
 namespace kestro::zqp::monitor {
-
-// What the DDR box shows; no box while not ready.
-struct DdrFigures {
-  bool ready = false;
-  // The tool runs and has answered lately, so the figures are current rather
-  // than the last ones it printed. The report draws them either way.
-  bool live = false;
-  std::uint32_t read = 0;
-  std::uint32_t write = 0;
-};
 
 void DrawHeader(TerminalDisplay& terminal);
 void DrawLoadingTable(TerminalDisplay& terminal,

@@ -16,6 +16,17 @@
 
 namespace kestro::zqp {
 
+// The DDR figures as a frame or a record takes them: the report draws no DDR
+// box while not ready.
+struct DdrFigures {
+  bool ready = false;
+  // The tool runs and has answered lately, so the figures are current rather
+  // than the last ones it printed. The report draws them either way.
+  bool live = false;
+  std::uint32_t read = 0;
+  std::uint32_t write = 0;
+};
+
 // Decides which accelerator port the tool measures: true when the first line
 // of soc_name starts with "K4X" or "k4x"; when soc_name cannot be opened, true
 // when the first line of the accelerator's core_num is exactly "4". Both files

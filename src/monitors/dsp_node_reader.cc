@@ -11,7 +11,7 @@
 #include <string>
 
 #include "base/board_path.h"
-#include "monitors/dsp_process_table.h"
+#include "base/process_descriptor.h"
 
 namespace kestro::zqp {
 namespace {

@@ -10,10 +10,6 @@
 
 namespace kestro::zqp {
 
-// pidfd_open(pid, 0): a close-on-exec descriptor that turns readable when the
-// process ends; -1 (errno set) when it is gone.
-int OpenProcessDescriptor(std::int32_t pid);
-
 // pid -> process descriptor (pidfd). Every operation holds the table's mutex
 // for its whole run and takes no other lock.
 class DspProcessTable {

@@ -27,9 +27,9 @@ std::vector<float> LoadingIntervals::Since(std::size_t index, const MonitorBase&
   return values;
 }
 
-Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
-                  const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
-                  std::int64_t elapsed_ms, LoadingIntervals& intervals) {
+Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors, const DdrFigures& ddr,
+                  MemoryUsage& memory, std::int64_t wall_ms, std::int64_t elapsed_ms,
+                  LoadingIntervals& intervals) {
   constexpr std::uint64_t kMiB = 1u << 20;
   Record record;
   record.wall_ms = wall_ms;

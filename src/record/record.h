@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "display/report.h"
 #include "monitor/monitor_base.h"
+#include "monitors/ddr_monitor.h"
 #include "monitors/memory_usage.h"
 
 namespace kestro::zqp::record {
@@ -64,9 +64,9 @@ class LoadingIntervals {
 // monitor's loading (LoadingIntervals for the samplers), the DDR figures (MiB/s, scaled to
 // bytes/s), one CollectMemoryUsage, after which the process table is emptied as after a frame, so
 // that the next collection starts from an empty table.
-Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors,
-                  const monitor::DdrFigures& ddr, MemoryUsage& memory, std::int64_t wall_ms,
-                  std::int64_t elapsed_ms, LoadingIntervals& intervals);
+Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors, const DdrFigures& ddr,
+                  MemoryUsage& memory, std::int64_t wall_ms, std::int64_t elapsed_ms,
+                  LoadingIntervals& intervals);
 
 // "YPU0": the report's row label.
 std::string Label(const LoadingFigure& figure);

@@ -1,4 +1,4 @@
-#include "app/http_library.h"
+#include "serve/http_library.h"
 
 #include <dlfcn.h>
 

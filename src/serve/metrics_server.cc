@@ -1,4 +1,4 @@
-#include "app/metrics_server.h"
+#include "serve/metrics_server.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/http_library.h"
 #include "base/version.h"
+#include "serve/http_library.h"
 
 namespace kestro::zqp::monitor {
 namespace {

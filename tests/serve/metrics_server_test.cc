@@ -1,4 +1,4 @@
-#include "app/metrics_server.h"
+#include "serve/metrics_server.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
