@@ -222,11 +222,11 @@ void BM_Frame(benchmark::State& state) {
   std::vector<double> cpu;
   {
     StdoutToNull quiet;
-    monitor::TerminalDisplay terminal(true);
+    display::TerminalDisplay terminal(true);
     for (auto _ : state) {
       const auto start = std::chrono::steady_clock::now();
       const double cpu_start = CpuMicros();
-      monitor::DrawFrame(terminal, monitors, ddr, memory);
+      display::DrawFrame(terminal, monitors, ddr, memory);
       cpu.push_back(CpuMicros() - cpu_start);
       wall.push_back(
           std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)

@@ -7,7 +7,7 @@
 
 #include "base/fatal_signals.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 namespace {
 
 // What a fatal signal runs before the signal is raised again.
@@ -38,4 +38,4 @@ void ClearFatalSignalCallback() {
   g_signal_callback = nullptr;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 // Installs the handler for the thirteen fatal signals, which runs callback,
 // then the signal's default action. Replaces the callback of an earlier call.
@@ -13,4 +13,4 @@ void InstallFatalSignalHandler(std::function<void(int)> callback);
 // Empties the handler's callback, so that it no longer reaches its owner.
 void ClearFatalSignalCallback();
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -4,13 +4,13 @@
 
 int main(int argc, char** argv) {
   kestro::zqp::PrepareProcess();
-  const kestro::zqp::MonitorOption option = kestro::zqp::ParseOptions(argc, argv);
+  const kestro::zqp::MonitorOption option = kestro::zqp::app::ParseOptions(argc, argv);
   if (!option.valid) return 1;
-  kestro::zqp::LogSettings(option);
+  kestro::zqp::app::LogSettings(option);
 
   int status = 0;
   {
-    kestro::zqp::monitor::MonitorApp app(option);
+    kestro::zqp::app::MonitorApp app(option);
     if (app.Init()) {
       app.Run();
     } else {

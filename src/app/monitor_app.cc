@@ -9,7 +9,7 @@
 #include "base/log.h"
 #include "display/report.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 namespace {
 
 // Frames drawn so far plus one; only the main thread touches it.
@@ -111,7 +111,7 @@ void MonitorApp::StopMonitors() {
 }
 
 int MonitorApp::DrawFrame() {
-  return monitor::DrawFrame(terminal, monitor_set.Monitors(), monitor_set.Ddr(), memory);
+  return display::DrawFrame(terminal, monitor_set.Monitors(), monitor_set.Ddr(), memory);
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -15,7 +15,7 @@
 #include "monitors/memory_usage.h"
 #include "runner/watch_task_runner.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 class MonitorApp {
  public:
@@ -52,7 +52,7 @@ class MonitorApp {
   bool InitDisplay();
   void OnTimer(int fd);
 
-  TerminalDisplay terminal;
+  display::TerminalDisplay terminal;
   std::uint32_t delay_ms;
   std::uint32_t iterations;
   std::uint32_t frequency;
@@ -61,9 +61,9 @@ class MonitorApp {
   std::vector<std::string> enable_list;
   std::shared_ptr<WatchTaskRunner> runner;
   MonitorSet monitor_set;
-  PeriodicTimer timer;
+  runner::PeriodicTimer timer;
   bool initialised = false;
   MemoryUsage memory;
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

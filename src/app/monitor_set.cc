@@ -5,7 +5,7 @@
 #include "monitor/monitor_config.h"
 #include "monitors/monitor_registry.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 bool MonitorSet::Create(const MonitorOption& option,
                         const std::shared_ptr<WatchTaskRunner>& runner) {
@@ -48,4 +48,4 @@ DdrFigures MonitorSet::Ddr() const {
   return ddr;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -13,7 +13,7 @@
 #include "monitors/ddr_monitor.h"
 #include "runner/watch_task_runner.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 class MonitorSet {
  public:
@@ -53,4 +53,4 @@ class MonitorSet {
   std::atomic<bool> stopped{false};
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

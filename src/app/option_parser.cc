@@ -11,7 +11,7 @@
 #include "base/version.h"
 #include "monitor/monitor_config.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::app {
 namespace {
 
 constexpr char kShortOptions[] = "hvbVd:f:n:t:e:";
@@ -232,4 +232,4 @@ MonitorOption ParseOptions(int argc, char** argv) {
   return option;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::app

@@ -6,7 +6,7 @@
 
 #include "base/monitor_option.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::app {
 
 // Parses argv. Prints the usage (exit 1) or the version (exit 0) and ends the
 // process itself for -h, unknown options and -V. On any other failure prints
@@ -34,4 +34,4 @@ bool FinishSharedOptions(MonitorOption& option, bool exact_duration);
 // The settings summary of -v on stderr (log level 0 only), as main prints it.
 void LogSettings(const MonitorOption& option);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::app

@@ -20,7 +20,7 @@
 #include "monitors/dsp_node_reader.h"
 #include "record/record.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 namespace {
 
 constexpr const char* kProgram = kRecordProgram;
@@ -148,7 +148,7 @@ bool RecordApp::Init() {
   // takes them; it serves the start's figures until the first interval ends.
   if (option.listen) {
     Publish(before);
-    if (!server.Start(ServerLimits{}, error)) {
+    if (!server.Start(serve::ServerLimits{}, error)) {
       LogError("%s: %s\n", kProgram, error.c_str());
       return false;
     }
@@ -305,4 +305,4 @@ bool RecordApp::Emit(const std::string& text) {
   return false;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -22,7 +22,7 @@
 #include "runner/watch_task_runner.h"
 #include "serve/metrics_server.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 class RecordApp {
  public:
@@ -70,13 +70,13 @@ class RecordApp {
   record::RunSummary summary;
   record::OutputFile summary_file;
   WrappedCommand command;
-  MetricsServer server;
+  serve::MetricsServer server;
   int command_status = 0;
   int killed_by = 0;
   std::int64_t last_record_ms = 0;
   // An output was asked for (always, without a command) and no write failed.
   bool writing = true;
-  PeriodicTimer timer;
+  runner::PeriodicTimer timer;
   int signal_fd = -1;
   std::chrono::steady_clock::time_point start;
   std::uint32_t records = 0;
@@ -84,4 +84,4 @@ class RecordApp {
   bool initialised = false;
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

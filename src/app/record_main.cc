@@ -14,10 +14,10 @@ int main(int argc, char** argv) {
     return 1;
   }
   kestro::zqp::PrepareProcess();
-  kestro::zqp::monitor::RecordOption option = kestro::zqp::monitor::ParseRecordOptions(argc, argv);
+  kestro::zqp::app::RecordOption option = kestro::zqp::app::ParseRecordOptions(argc, argv);
   if (!option.valid) return 1;
   option.stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
-  kestro::zqp::monitor::RecordApp session(option);
+  kestro::zqp::app::RecordApp session(option);
   // Without Init, Run returns the status of what failed.
   session.Init();
   return session.Run();

@@ -11,7 +11,7 @@
 #include "app/option_parser.h"
 #include "base/log.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 namespace {
 
 constexpr const char* kProgram = kRecordProgram;
@@ -149,7 +149,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kListenOption: {
         std::string error;
         option.listen = true;
-        if (!ParseListenAddress(optarg, option.listen_address, error)) {
+        if (!serve::ParseListenAddress(optarg, option.listen_address, error)) {
           LogError("%s: %s\n", kProgram, error.c_str());
           option.valid = false;
         }
@@ -198,4 +198,4 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
   return option;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -10,7 +10,7 @@
 #include "record/writers.h"
 #include "serve/metrics_server.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 inline constexpr char kRecordProgram[] = "kvt_zqp_record";
 
@@ -34,7 +34,7 @@ struct RecordOption {
   std::string summary;  // --summary: the summary's JSON goes there too
   // --listen: serve the latest record over HTTP for Prometheus.
   bool listen = false;
-  ListenAddress listen_address;
+  serve::ListenAddress listen_address;
 };
 
 // Parses argv; options end at "--" or the first word that is not one, which
@@ -43,4 +43,4 @@ struct RecordOption {
 // options it shares) and returns with valid false.
 RecordOption ParseRecordOptions(int argc, char** argv);
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

@@ -11,7 +11,7 @@
 #include "base/process_descriptor.h"
 #include "base/process_setup.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 WrappedCommand::~WrappedCommand() {
   if (pidfd >= 0) close(pidfd);
@@ -120,4 +120,4 @@ double WrappedCommand::WallSeconds() const {
   return std::chrono::duration<double>(ended - started).count();
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

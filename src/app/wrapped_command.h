@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::app {
 
 class WrappedCommand {
  public:
@@ -48,4 +48,4 @@ class WrappedCommand {
   std::chrono::steady_clock::time_point started, ended;
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::app

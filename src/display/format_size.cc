@@ -1,6 +1,6 @@
 #include "display/format_size.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 
 void FormatSize(std::uint64_t bytes, HumanSize& out) {
   static constexpr char kUnits[] = " KMGTPEZY";
@@ -23,4 +23,4 @@ void FormatSize(std::uint64_t bytes, HumanSize& out) {
   out.unit = kUnits[unit];
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 
 // A byte count scaled to at most four integer digits, printed everywhere as
 // "%4lu.%u%c" (value, tenth, unit).
@@ -20,4 +20,4 @@ struct HumanSize {
 // Never fails; 64-bit inputs never reach the units Z and Y.
 void FormatSize(std::uint64_t bytes, HumanSize& out);
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -5,7 +5,7 @@
 #include "base/version.h"
 #include "display/format_size.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 namespace {
 
 constexpr char kRule[] = "|------------------------------------------------|";
@@ -100,4 +100,4 @@ int DrawFrame(TerminalDisplay& terminal, const std::vector<std::shared_ptr<Monit
   return terminal.Flush();
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -12,7 +12,7 @@
 #include "monitors/ddr_monitor.h"
 #include "monitors/memory_usage.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 
 void DrawHeader(TerminalDisplay& terminal);
 void DrawLoadingTable(TerminalDisplay& terminal,
@@ -28,4 +28,4 @@ void DrawMemoryTables(TerminalDisplay& terminal, MemoryUsage& memory);
 int DrawFrame(TerminalDisplay& terminal, const std::vector<std::shared_ptr<MonitorBase>>& monitors,
               const DdrFigures& ddr, MemoryUsage& memory);
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -11,7 +11,7 @@
 #include <limits>
 #include <utility>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 namespace {
 
 constexpr char kCursorHome[] = "\x1b[H";
@@ -205,4 +205,4 @@ bool TerminalDisplay::HandleKey() {
   }
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

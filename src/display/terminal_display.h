@@ -19,7 +19,7 @@
 #include <cstdint>
 #include <functional>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 
 class TerminalDisplay {
  public:
@@ -114,4 +114,4 @@ class TerminalDisplay {
   bool input_ended_ = false;
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -16,7 +16,7 @@
 
 namespace kestro::zqp {
 
-using monitor::WatchTaskRunner;
+using runner::WatchTaskRunner;
 
 class MonitorBase {
  public:

@@ -24,8 +24,8 @@ std::string Printf(const char* format, auto... args) {
 
 // "12.0K", as the report scales sizes, without its padding.
 std::string Size(std::uint64_t bytes) {
-  monitor::HumanSize size{};
-  monitor::FormatSize(bytes, size);
+  display::HumanSize size{};
+  display::FormatSize(bytes, size);
   std::string text = Printf("%llu.%u", static_cast<unsigned long long>(size.value), size.tenth);
   if (size.unit != ' ') text += size.unit;
   return text;

@@ -3,7 +3,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::runner {
 
 WatchTaskRunner::WatchTaskRunner() : tasks_(1) {
   tasks_.max_load_factor(1.0f);
@@ -87,4 +87,4 @@ int PeriodicTimer::SetPeriod(std::uint32_t period_ms) {
   return timerfd_settime(fds_[0], 0, &spec, nullptr);
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::runner

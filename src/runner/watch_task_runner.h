@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::runner {
 
 class WatchTaskRunner {
  public:
@@ -68,4 +68,4 @@ class PeriodicTimer {
   int fds_[2] = {-1, -1};
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::runner

@@ -6,7 +6,7 @@
 
 #include "base/shared_library.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::serve {
 namespace {
 
 std::optional<HttpLibrary> Open(std::string& error) {
@@ -44,4 +44,4 @@ const HttpLibrary* LoadHttpLibrary(std::string& error) {
   return library ? &*library : nullptr;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::serve

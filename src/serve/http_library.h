@@ -10,7 +10,7 @@
 
 #include <string>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::serve {
 
 // The library's soname on Debian 12 (package libmicrohttpd12), both arches.
 inline constexpr char kHttpLibrary[] = "libmicrohttpd.so.12";
@@ -34,4 +34,4 @@ struct HttpLibrary {
 // functions is missing.
 const HttpLibrary* LoadHttpLibrary(std::string& error);
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::serve

@@ -15,7 +15,7 @@
 #include "base/version.h"
 #include "serve/http_library.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::serve {
 namespace {
 
 constexpr char kTextType[] = "text/plain; version=0.0.4; charset=utf-8";
@@ -339,4 +339,4 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
   return queued == MHD_YES;
 }
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::serve

@@ -16,7 +16,7 @@
 struct MHD_Daemon;
 struct MHD_Connection;
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::serve {
 
 struct HttpLibrary;
 
@@ -93,4 +93,4 @@ class MetricsServer {
   std::shared_ptr<const Exposition> latest_;  // under mutex_
 };
 
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::serve

@@ -11,7 +11,7 @@
 #include "display/format_size.h"
 #include "support/test_util.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 namespace {
 
 // Scaled by 1024 until at most 1023 remains, the tenth rounded half up (1.25K
@@ -48,4 +48,4 @@ TEST(ReportTest, ProcessRowAndTheTableEmptiedAfterTheFrame) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::display {
 namespace {
 
 // Points descriptors 0 and 1 elsewhere for the life of the object, flushing
@@ -137,4 +137,4 @@ TEST(TerminalDisplayTest, BatchLinesAreCutOnlyByTheLineBuffer) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::display

@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int code; (code = getopt_long(argc, probe.data(), kShortOptions, nullptr, nullptr)) != -1;)
     if (code == 'h' || code == 'V' || code == '?') return 0;
   opterr = 1, optind = 0;
-  const MonitorOption option = ParseOptions(argc, argv.data());
+  const MonitorOption option = app::ParseOptions(argc, argv.data());
   SetLogLevel(1);
   if (option.valid && (option.delay_ms < 100 || option.delay_ms > 10000 || option.frequency < 10 ||
                        option.frequency > 1000 || option.iterations == 0 ||

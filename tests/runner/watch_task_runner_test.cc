@@ -15,7 +15,7 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::runner {
 namespace {
 
 struct Pipe {
@@ -104,4 +104,4 @@ TEST(PeriodicTimerTest, PeriodIsProgrammedAsSecondsAndNanoseconds) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::runner

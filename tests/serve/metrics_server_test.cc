@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kestro::zqp::monitor {
+namespace kestro::zqp::serve {
 namespace {
 
 TEST(ListenAddressTest, ParsesAndRefuses) {
@@ -222,4 +222,4 @@ TEST_F(ServerTest, PortInUseIsRefusedAndIdleConnectionsClose) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp::monitor
+}  // namespace kestro::zqp::serve
