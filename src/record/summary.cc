@@ -8,7 +8,8 @@
 
 #include "display/format_size.h"
 #include "monitors/memory_usage.h"
-#include "record/writers.h"
+#include "record/figure_text.h"
+#include "record/json_writer.h"
 
 namespace kestro::zqp::record {
 namespace {

@@ -13,6 +13,7 @@
 
 #include "base/version.h"
 #include "record/output_file.h"
+#include "record/metric_catalogue.h"
 #include "record/writers.h"
 #include "support/temp_tree.h"
 #include "support/test_util.h"
