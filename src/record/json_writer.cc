@@ -14,12 +14,6 @@ void AppendHex(std::string& out, const char* prefix, unsigned char byte) {
   out += text;
 }
 
-// A figure's text, or what the format writes for a figure that is no number
-// (a driver may publish "nan", which sscanf reads).
-std::string Otherwise(std::string text, const char* otherwise) {
-  return text.empty() ? otherwise : text;
-}
-
 }  // namespace
 
 std::string JsonString(std::string_view bytes) {
@@ -45,38 +39,70 @@ std::string JsonString(std::string_view bytes) {
   return out + "\"";
 }
 
+void JsonWriter::Separate() {
+  if (!out_.empty() && out_.back() != '{' && out_.back() != '[' && out_.back() != ':') out_ += ',';
+}
+
+JsonWriter& JsonWriter::Open(char bracket) {
+  Separate();
+  out_ += bracket;
+  return *this;
+}
+
+JsonWriter& JsonWriter::Close(char bracket) {
+  out_ += bracket;
+  return *this;
+}
+
+JsonWriter& JsonWriter::Key(std::string_view name) {
+  String(name);
+  out_ += ':';
+  return *this;
+}
+
+JsonWriter& JsonWriter::String(std::string_view bytes) {
+  Separate();
+  out_ += JsonString(bytes);
+  return *this;
+}
+
+JsonWriter& JsonWriter::Number(std::string_view text) {
+  Separate();
+  // A figure that is no number (a driver may publish "nan", which sscanf
+  // reads) is null.
+  out_ += text.empty() ? std::string_view("null") : text;
+  return *this;
+}
+
 std::string JsonLine(const Record& record) {
-  std::string out = "{\"time\":\"" + Rfc3339(record.wall_ms) +
-                    "\",\"elapsed_s\":" + Seconds(record.elapsed_ms) + ",\"loading\":[";
-  for (std::size_t i = 0; i < record.loading.size(); ++i) {
-    const LoadingFigure& figure = record.loading[i];
-    out += std::string(i ? "," : "") + "{\"label\":" + JsonString(Label(figure)) +
-           ",\"engine\":" + JsonString(figure.engine) + ",\"core\":" + std::to_string(figure.core) +
-           ",\"percent\":" + Otherwise(Percent(figure.percent), "null") + "}";
+  JsonWriter json;
+  json.Open('{').Key("time").String(Rfc3339(record.wall_ms));
+  json.Key("elapsed_s").Number(Seconds(record.elapsed_ms)).Key("loading").Open('[');
+  for (const LoadingFigure& figure : record.loading) {
+    json.Open('{').Key("label").String(Label(figure)).Key("engine").String(figure.engine);
+    json.Key("core").Number(figure.core).Key("percent").Number(Percent(figure.percent));
+    json.Close('}');
   }
-  out += "],\"ddr\":";
-  out += record.ddr_ready
-             ? "{\"read_bytes_per_second\":" + std::to_string(record.ddr_read_bytes_per_s) +
-                   ",\"write_bytes_per_second\":" + std::to_string(record.ddr_write_bytes_per_s) +
-                   "}"
-             : "null";
-  out += ",\"heaps\":[";
-  for (std::size_t i = 0; i < record.heaps.size(); ++i) {
-    const HeapFigure& heap = record.heaps[i];
-    out += std::string(i ? "," : "") + "{\"name\":\"" + kHeapNames[heap.index] +
-           "\",\"total_bytes\":" + std::to_string(heap.total_bytes) +
-           ",\"used_bytes\":" + std::to_string(heap.used_bytes) +
-           ",\"free_bytes\":" + std::to_string(heap.total_bytes - heap.used_bytes) + "}";
+  json.Close(']').Key("ddr");
+  if (record.ddr_ready) {
+    json.Open('{').Key("read_bytes_per_second").Number(record.ddr_read_bytes_per_s);
+    json.Key("write_bytes_per_second").Number(record.ddr_write_bytes_per_s).Close('}');
+  } else {
+    json.Null();
   }
-  out += "],\"processes\":[";
-  for (std::size_t i = 0; i < record.processes.size(); ++i) {
-    const ProcessFigure& process = record.processes[i];
-    out += std::string(i ? "," : "") + "{\"pid\":" + std::to_string(process.pid) +
-           ",\"name\":" + JsonString(process.name) +
-           ",\"rss_bytes\":" + std::to_string(process.rss_bytes) +
-           ",\"ion_bytes\":" + std::to_string(process.ion_bytes) + "}";
+  json.Key("heaps").Open('[');
+  for (const HeapFigure& heap : record.heaps) {
+    json.Open('{').Key("name").String(kHeapNames[heap.index]);
+    json.Key("total_bytes").Number(heap.total_bytes).Key("used_bytes").Number(heap.used_bytes);
+    json.Key("free_bytes").Number(heap.total_bytes - heap.used_bytes).Close('}');
   }
-  return out + "]}\n";
+  json.Close(']').Key("processes").Open('[');
+  for (const ProcessFigure& process : record.processes) {
+    json.Open('{').Key("pid").Number(process.pid).Key("name").String(process.name);
+    json.Key("rss_bytes").Number(process.rss_bytes).Key("ion_bytes").Number(process.ion_bytes);
+    json.Close('}');
+  }
+  return json.Close(']').Close('}').Line();
 }
 
 }  // namespace kestro::zqp::record

@@ -83,13 +83,14 @@ std::string ShellWord(const std::string& word) {
   return quoted + "'";
 }
 
-std::string JsonNumber(const std::optional<double>& value) {
-  const std::string text = value ? Percent(static_cast<float>(*value)) : "";
-  return text.empty() ? "null" : text;
+// A percentage, null when never taken.
+std::string PercentOr(const std::optional<double>& value) {
+  return value ? Percent(static_cast<float>(*value)) : "";
 }
 
-std::string JsonBytes(const std::optional<std::uint64_t>& bytes) {
-  return bytes ? std::to_string(*bytes) : "null";
+// Bytes, null when never taken.
+std::string BytesOr(const std::optional<std::uint64_t>& bytes) {
+  return bytes ? std::to_string(*bytes) : "";
 }
 
 }  // namespace
@@ -253,60 +254,53 @@ std::string RunSummary::Table(const CommandOutcome& outcome) const {
 }
 
 std::string RunSummary::Json(const CommandOutcome& outcome) const {
-  std::string out = "{\"command\":[";
-  for (std::size_t i = 0; i < outcome.argv.size(); ++i) {
-    out += (i ? "," : "") + JsonString(outcome.argv[i]);
+  JsonWriter json;
+  json.Open('{').Key("command").Open('[');
+  for (const std::string& word : outcome.argv) json.String(word);
+  json.Close(']').Key("exit_status").Number(outcome.exit_status);
+  json.Key("signal").Number(outcome.signal != 0 ? std::to_string(outcome.signal) : "");
+  json.Key("wall_seconds").Number(Printf("%.3f", outcome.wall_seconds));
+  json.Key("records").Number(records_).Key("interval_ms").Number(outcome.interval_ms);
+  json.Key("loading").Open('{');
+  for (const Core& core : cores_) {
+    const Stats stats = StatsOf(core);
+    json.Key(core.label).Open('{').Key("mean_percent").Number(PercentOr(stats.mean));
+    json.Key("p95_percent").Number(PercentOr(stats.p95));
+    json.Key("max_percent").Number(PercentOr(stats.max)).Close('}');
   }
-  out += "],\"exit_status\":" + std::to_string(outcome.exit_status) +
-         ",\"signal\":" + (outcome.signal != 0 ? std::to_string(outcome.signal) : "null") +
-         ",\"wall_seconds\":" + Printf("%.3f", outcome.wall_seconds) +
-         ",\"records\":" + std::to_string(records_) +
-         ",\"interval_ms\":" + std::to_string(outcome.interval_ms) + ",\"loading\":{";
-  for (std::size_t i = 0; i < cores_.size(); ++i) {
-    const Stats stats = StatsOf(cores_[i]);
-    out += (i ? "," : "") + JsonString(cores_[i].label) +
-           ":{\"mean_percent\":" + JsonNumber(stats.mean) +
-           ",\"p95_percent\":" + JsonNumber(stats.p95) +
-           ",\"max_percent\":" + JsonNumber(stats.max) + "}";
-  }
-  out += "},\"ddr\":";
+  json.Close('}').Key("ddr");
   if (ddr_ms_ <= 0) {
-    out += "null";
+    json.Null();
   } else {
-    out += "{";
+    json.Open('{');
     for (const auto& [name, direction] : {std::pair{"read", &read_}, std::pair{"write", &write_}}) {
-      out += std::string(direction == &read_ ? "" : ",") + "\"" + name +
-             "\":{\"mean_bytes_per_second\":" +
-             std::to_string(static_cast<std::uint64_t>(direction->weighted / ddr_ms_ + 0.5)) +
-             ",\"peak_bytes_per_second\":" + std::to_string(direction->peak) + ",\"bytes\":" +
-             std::to_string(static_cast<std::uint64_t>(direction->weighted / 1000 + 0.5)) + "}";
+      json.Key(name).Open('{').Key("mean_bytes_per_second");
+      json.Number(static_cast<std::uint64_t>(direction->weighted / ddr_ms_ + 0.5));
+      json.Key("peak_bytes_per_second").Number(direction->peak).Key("bytes");
+      json.Number(static_cast<std::uint64_t>(direction->weighted / 1000 + 0.5)).Close('}');
     }
-    out += "}";
+    json.Close('}');
   }
-  out += ",\"heaps\":{";
-  bool first = true;
+  json.Key("heaps").Open('{');
   for (const auto& [index, heap] : heaps_) {
-    out += std::string(first ? "" : ",") + "\"" + kHeapNames[index] +
-           "\":{\"total_bytes\":" + std::to_string(heap.total) +
-           ",\"start_bytes\":" + JsonBytes(heap.start) + ",\"peak_bytes\":" + JsonBytes(heap.peak) +
-           ",\"end_bytes\":" + JsonBytes(heap.end) + "}";
-    first = false;
+    json.Key(kHeapNames[index]).Open('{').Key("total_bytes").Number(heap.total);
+    json.Key("start_bytes")
+        .Number(BytesOr(heap.start))
+        .Key("peak_bytes")
+        .Number(BytesOr(heap.peak));
+    json.Key("end_bytes").Number(BytesOr(heap.end)).Close('}');
   }
-  out += "},\"processes\":[";
-  first = true;
+  json.Close('}').Key("processes").Open('[');
   for (const auto& [pid, holder] : TopHolders()) {
-    out += std::string(first ? "" : ",") + "{\"pid\":" + std::to_string(pid) +
-           ",\"name\":" + JsonString(holder.name) +
-           ",\"peak_ion_bytes\":" + std::to_string(holder.peak_ion) +
-           ",\"peak_rss_bytes\":" + std::to_string(holder.peak_rss) + "}";
-    first = false;
+    json.Open('{').Key("pid").Number(pid).Key("name").String(holder.name);
+    json.Key("peak_ion_bytes").Number(holder.peak_ion);
+    json.Key("peak_rss_bytes").Number(holder.peak_rss).Close('}');
   }
-  out += "],\"dsp_clients\":[";
-  for (std::size_t i = 0; i < dsp_clients_.size(); ++i) {
-    out += std::string(i ? "," : "") + "{\"pid\":" + std::to_string(dsp_clients_[i].pid) +
-           ",\"name\":" + JsonString(dsp_clients_[i].name) + "}";
+  json.Close(']').Key("dsp_clients").Open('[');
+  for (const DspClient& client : dsp_clients_) {
+    json.Open('{').Key("pid").Number(client.pid).Key("name").String(client.name).Close('}');
   }
-  return out + "]}\n";
+  return json.Close(']').Close('}').Line();
 }
 
 }  // namespace kestro::zqp::record
