@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/decimal.h"
 #include "base/log.h"
 #include "base/version.h"
 #include "monitor/monitor_config.h"
@@ -73,18 +74,12 @@ bool ParseNumber(const char* text, std::int32_t& value) {
     LogError("value must no empty\n");
     return false;
   }
-  if (text[0] != '-' && !(text[0] >= '0' && text[0] <= '9')) {
+  const std::optional<std::int64_t> parsed = ParseDecimal<std::int64_t>(text);
+  if (!parsed) {
     LogError("value %s is invalid number\n", text);
     return false;
   }
-  errno = 0;
-  char* end = nullptr;
-  const long parsed = std::strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0') {
-    LogError("value %s is invalid number\n", text);
-    return false;
-  }
-  value = static_cast<std::int32_t>(parsed);
+  value = static_cast<std::int32_t>(*parsed);
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "app/option_parser.h"
+#include "base/decimal.h"
 #include "base/log.h"
 
 namespace kestro::zqp::app {
@@ -135,15 +136,14 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kProcessesOption: {
         option.processes = kDefaultProcesses;
         if (optarg == nullptr) break;
-        char* end = nullptr;
-        errno = 0;
-        const unsigned long n = std::strtoul(optarg, &end, 10);
-        if (*optarg < '0' || *optarg > '9' || *end != '\0' || errno != 0 || n > kMaxProcesses) {
+        const std::optional<unsigned long> n = ParseDecimal(optarg, 0ul, kMaxProcesses);
+        if (!n) {
           LogError("%s: --processes takes a number from 0 to %lu, not '%s'\n", kProgram,
                    kMaxProcesses, optarg);
           option.valid = false;
+        } else {
+          option.processes = *n;
         }
-        option.processes = n;
         break;
       }
       case kListenOption: {

@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "base/board_path.h"
+#include "base/decimal.h"
 #include "base/fatal_signals.h"
 #include "base/log.h"
 #include "base/process_setup.h"
@@ -146,12 +147,12 @@ DdrLineResult DDRMonitor::ParseLine(const char* line) {
   } else {
     return DdrLineResult::kIgnored;
   }
-  std::uint64_t value = 0;
-  if (!ParseUnsigned(fields.back(), value)) {
+  const std::optional<std::uint64_t> value = ParseDigits(fields.back());
+  if (!value) {
     LogBatchVerbose(batch, "Invalid data format, get: %s\n", line);
     return DdrLineResult::kInvalid;
   }
-  std::atomic_ref<std::uint64_t>((*target)[0]).store(value, std::memory_order_relaxed);
+  std::atomic_ref<std::uint64_t>((*target)[0]).store(*value, std::memory_order_relaxed);
   last_figure_ms.store(SteadyMs(), std::memory_order_relaxed);
   return stored;
 }

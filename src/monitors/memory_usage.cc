@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/board_path.h"
+#include "base/decimal.h"
 #include "monitors/text_fields.h"
 
 namespace kestro::zqp {
@@ -28,25 +29,6 @@ struct Columns {
 
 bool Contains(const HeapLineBuffer& line, const char* marker) {
   return std::strstr(line.data(), marker) != nullptr;
-}
-
-bool ParsePid(std::string_view text, std::int32_t& pid) {
-  bool negative = false;
-  if (!text.empty() && text.front() == '-') {
-    negative = true;
-    text.remove_prefix(1);
-  }
-  if (text.empty()) return false;
-  // Accumulate the magnitude in 64 bits; 2^31 is allowed only when negative.
-  const std::int64_t limit = negative ? std::int64_t{1} << 31 : (std::int64_t{1} << 31) - 1;
-  std::int64_t magnitude = 0;
-  for (const char c : text) {
-    if (c < '0' || c > '9') return false;
-    magnitude = magnitude * 10 + (c - '0');
-    if (magnitude > limit) return false;
-  }
-  pid = static_cast<std::int32_t>(negative ? -magnitude : magnitude);
-  return true;
 }
 
 void SetName(ProcessMemory& process, std::string_view name) {
@@ -130,13 +112,13 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
       }
       case SectionState::kAllocationRows: {
         SplitFields(line.data(), ' ', fields);
-        std::int32_t pid = 0;
-        std::uint64_t size = 0;
-        const bool good = fields.size() >= 4 && columns.client < fields.size() &&
-                          columns.tgid < fields.size() && columns.size < fields.size() &&
-                          ParsePid(fields[columns.tgid], pid) &&
-                          ParseUnsigned(fields[columns.size], size);
-        if (!good) {
+        const bool shaped = fields.size() >= 4 && columns.client < fields.size() &&
+                            columns.tgid < fields.size() && columns.size < fields.size();
+        const std::optional<std::int32_t> pid =
+            shaped ? ParseDecimal<std::int32_t>(fields[columns.tgid]) : std::nullopt;
+        const std::optional<std::uint64_t> size =
+            pid ? ParseDigits(fields[columns.size]) : std::nullopt;
+        if (!size) {
           done = seen_good_row || Contains(line, "total");
           break;
         }
@@ -147,8 +129,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
           usage.processes.clear();
           usage.heap_used[heap_index] = 0;
         }
-        AddProcessMemory(usage, heap_index, pid, size);
-        SetName(usage.processes[pid], fields[columns.client]);
+        AddProcessMemory(usage, heap_index, *pid, *size);
+        SetName(usage.processes[*pid], fields[columns.client]);
         break;
       }
     }

@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <limits>
 
 #include "base/board_path.h"
 #include "base/log.h"
@@ -57,20 +56,6 @@ std::vector<std::string_view> SplitFields(std::string_view text, char delimiter)
   std::vector<std::string_view> fields;
   SplitFields(text, delimiter, fields);
   return fields;
-}
-
-bool ParseUnsigned(std::string_view text, std::uint64_t& value) {
-  if (text.empty() || !IsDigit(text.front())) return false;
-  constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
-  std::uint64_t result = 0;
-  std::size_t i = 0;
-  for (; i < text.size() && IsDigit(text[i]); ++i) {
-    const std::uint64_t digit = static_cast<std::uint64_t>(text[i] - '0');
-    if (result > (kMax - digit) / 10) return false;
-    result = result * 10 + digit;
-  }
-  value = result;
-  return i == text.size();
 }
 
 bool IsProcessRunning(const char* name) {

@@ -20,13 +20,6 @@ std::vector<std::string_view> SplitFields(std::string_view text, char delimiter)
 // one vector's storage.
 void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields);
 
-// Parses decimal digits (no sign, no blank) into value. Returns false without
-// touching value when text is empty, does not begin with a digit, or its
-// leading digits overflow 64 bits. Otherwise stores the value of the leading
-// digits and returns true only when digits make up the whole of text ("25.5"
-// stores 25 and returns false).
-bool ParseUnsigned(std::string_view text, std::uint64_t& value);
-
 // True when some process under /proc has a first command-line argument whose
 // part after the last '/' begins with name. False when none does, or after
 // "open proc failed" (LogError) when /proc cannot be opened.

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/decimal.h"
 #include "base/version.h"
 #include "serve/http_library.h"
 
@@ -95,19 +96,12 @@ bool ParseListenAddress(std::string_view text, ListenAddress& address, std::stri
   address.host = std::string(host);
   address.port = kDefaultListenPort;
   if (port.empty()) return true;
-  unsigned long value = 0;
-  for (const char c : port) {
-    if (c < '0' || c > '9' || value > 65535) {
-      value = 65536;
-      break;
-    }
-    value = value * 10 + static_cast<unsigned long>(c - '0');
-  }
-  if (value > 65535) {
+  const std::optional<std::uint16_t> value = ParseDecimal<std::uint16_t>(port);
+  if (!value) {
     error = "listen port '" + std::string(port) + "' is not a number from 0 to 65535";
     return false;
   }
-  address.port = static_cast<std::uint16_t>(value);
+  address.port = *value;
   return true;
 }
 

@@ -15,6 +15,7 @@
 
 #include "app/option_parser.h"
 #include "base/board_path.h"
+#include "base/decimal.h"
 #include "base/log.h"
 #include "monitors/ddr_monitor.h"
 #include "monitors/dsp_monitor.h"
@@ -123,8 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) return 0;
   const std::string_view rest = std::string_view(text).substr(1);
   for (const std::string_view field : SplitFields(rest, text[0])) {
-    std::uint64_t value = 0;
-    ParseUnsigned(field, value);
+    ParseDigits(field);
   }
 #elif defined(KZM_FUZZ_OPTIONS)
   // Each line of the input is one word of argv.

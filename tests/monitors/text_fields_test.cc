@@ -28,28 +28,6 @@ TEST(TextFieldsTest, SplitFieldsDropsEmptyPiecesButTheLastAndTrimsAllButBlankOne
             (Fields{"client", "tgid", "size", "type"}));
 }
 
-TEST(TextFieldsTest, ParseUnsignedTakesWholeDecimalNumbersOf64BitsOnly) {
-  // Text, result, value afterwards (99: untouched).
-  const std::tuple<std::string_view, bool, std::uint64_t> cases[] = {
-      {"0", true, 0},
-      {"18446744073709551615", true, 18446744073709551615u},
-      {"18446744073709551616", false, 99},
-      {"99999999999999999999", false, 99},
-      {"18446744073709551616x", false, 99},
-      {"25.5", false, 25},
-      {"12\r\n", false, 12},
-      {"", false, 99},
-      {" 12", false, 99},
-      {"+12", false, 99},
-      {"-12", false, 99},
-      {std::string_view("12345").substr(0, 3), true, 123}};
-  for (const auto& [text, ok, value] : cases) {
-    std::uint64_t parsed = 99;
-    EXPECT_EQ(ParseUnsigned(text, parsed), ok) << text;
-    EXPECT_EQ(parsed, value) << text;
-  }
-}
-
 TEST(ValueReadersTest, EachReaderConvertsOnlyItsDriversLayout) {
   // Text, then result and value of ReadSecondToken and of ReadPlainNumber (-1: untouched).
   const std::tuple<const char*, long, float, long, float> cases[] = {
