@@ -9,6 +9,7 @@
 
 #include "base/decimal.h"
 #include "base/log.h"
+#include "base/program_name.h"
 #include "base/version.h"
 #include "monitor/monitor_config.h"
 
@@ -25,12 +26,12 @@ const option kLongOptions[] = {
     {"enable", required_argument, nullptr, 'e'}, {nullptr, 0, nullptr, 0},
 };
 
-// The whole usage text; lines 5 and 11 keep the blanks that left alignment
-// leaves behind, and line 23 its trailing blank.
+// The whole usage text, a printf format of the program's name; lines 5 and 11 keep the blanks that
+// left alignment leaves behind, and line 23 its trailing blank.
 constexpr char kUsage[] =
     "\n"
     "Usage:\n"
-    "kvt_zqp_monitor [Option...] [Parameter]\n"
+    "%s [Option...] [Parameter]\n"
     "\n"
     "[Option]                      [Instruction]       \n"
     "---------------------------------------------------------------------------------------------"
@@ -63,7 +64,7 @@ constexpr char kUsage[] =
     "                                        separated by comma.\n";
 
 [[noreturn]] void PrintUsageAndExit() {
-  std::fputs(kUsage, stdout);
+  std::printf(kUsage, kMonitorProgram);
   std::exit(1);
 }
 

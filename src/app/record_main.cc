@@ -10,7 +10,8 @@
 int main(int argc, char** argv) {
   const int filled = kestro::zqp::FillClosedStandardDescriptors();
   if (filled < 0) {
-    kestro::zqp::LogError("kvt_zqp_record: cannot open /dev/null: %s\n", std::strerror(errno));
+    kestro::zqp::LogError("%s: cannot open /dev/null: %s\n", kestro::zqp::kRecordProgram,
+                          std::strerror(errno));
     return 1;
   }
   kestro::zqp::PrepareProcess();

@@ -39,10 +39,11 @@ const option kRecordOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+// A printf format: %1$s is the program, %2$s the monitor.
 constexpr char kRecordUsage[] =
-    "Usage: kvt_zqp_record [OPTION...]\n"
-    "  or:  kvt_zqp_record [OPTION...] [--] COMMAND [ARG...]\n"
-    "Record the figures of kvt_zqp_monitor's report, one record per interval;\n"
+    "Usage: %1$s [OPTION...]\n"
+    "  or:  %1$s [OPTION...] [--] COMMAND [ARG...]\n"
+    "Record the figures of %2$s's report, one record per interval;\n"
     "with a COMMAND, while it runs, then print a summary of its run on stderr.\n"
     "\n"
     "  -o, --output FILE      write to FILE (default: standard output)\n"
@@ -119,7 +120,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
          (code = getopt_long(argc, argv, "+hvo:d:f:n:t:e:", kRecordOptions, nullptr)) != -1) {
     switch (code) {
       case 'h':
-        std::fputs(kRecordUsage, stdout);
+        std::printf(kRecordUsage, kProgram, kMonitorProgram);
         std::exit(0);
       case 'o':
         // "-" is standard output, as for most tools.

@@ -7,12 +7,11 @@
 #include <vector>
 
 #include "base/monitor_option.h"
+#include "base/program_name.h"
 #include "record/writers.h"
 #include "serve/metrics_server.h"
 
 namespace kestro::zqp::app {
-
-inline constexpr char kRecordProgram[] = "kvt_zqp_record";
 
 struct RecordOption {
   // -d, -f, -n, -t, -e and -v as the monitor takes them; batch is set, since

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/program_name.h"
 #include "base/version.h"
 #include "monitors/memory_usage.h"
 #include "record/figure_text.h"
@@ -49,7 +50,8 @@ void AppendSample(std::string& out, const std::string& name, const std::string& 
 std::vector<MetricFamily> Families(const Record& record, std::size_t processes) {
   using Samples = std::vector<std::pair<std::string, std::string>>;
   std::vector<MetricFamily> out;
-  Family(out, "kvt_zqp_build", "info", "Version of kvt_zqp_record; always 1.",
+  static const std::string kBuildHelp = std::string("Version of ") + kRecordProgram + "; always 1.";
+  Family(out, "kvt_zqp_build", "info", kBuildHelp.c_str(),
          {{"version=\"" + PrometheusLabelValue(GetVersion()) + "\"", "1"}});
   Family(out, "kvt_zqp_sample_timestamp_seconds", "gauge",
          "Wall-clock time of the sample, seconds since the epoch.",

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "base/program_name.h"
 #include "display/format_size.h"
 #include "monitors/memory_usage.h"
 #include "record/figure_text.h"
@@ -175,7 +176,7 @@ std::string RunSummary::Table(const CommandOutcome& outcome) const {
   for (const std::string& word : outcome.argv) {
     command += (command.empty() ? "" : " ") + Printable(ShellWord(word), kWidth);
   }
-  std::string out = "kvt_zqp_record: " + command;
+  std::string out = kRecordProgram + (": " + command);
   if (out.size() > kWidth) out = out.substr(0, kWidth - 3) + "...";
   out += "\n";
   if (outcome.signal != 0) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/decimal.h"
+#include "base/program_name.h"
 #include "base/version.h"
 #include "serve/http_library.h"
 
@@ -286,9 +287,8 @@ void MetricsServer::Publish(std::string text, std::string open_metrics) {
 bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
                            std::string_view method, bool body) {
   static const std::string kLanding =
-      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>kvt_zqp_record</title></head>\n"
-      "<body><h1>kvt_zqp_record " +
-      GetVersion() +
+      std::string("<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>") + kRecordProgram +
+      "</title></head>\n<body><h1>" + kRecordProgram + " " + GetVersion() +
       "</h1>\n<p>Engine loading, DDR bandwidth and ION heaps of this board, as of the latest "
       "completed interval: <a href=\"/metrics\">/metrics</a></p></body></html>\n";
   Response response{MHD_HTTP_NOT_FOUND, "text/plain; charset=utf-8", "404 not found\n", nullptr};
