@@ -18,14 +18,7 @@ std::uint32_t g_frame_counter = 1;
 }  // namespace
 
 MonitorApp::MonitorApp(const MonitorOption& option)
-    : terminal(option.batch),
-      delay_ms(option.delay_ms),
-      iterations(option.iterations),
-      frequency(option.frequency),
-      duration_s(option.duration_s),
-      batch(option.batch),
-      enable_list(option.enable_list),
-      runner(std::make_shared<WatchTaskRunner>()) {}
+    : terminal(option.batch), option(option), runner(std::make_shared<WatchTaskRunner>()) {}
 
 MonitorApp::~MonitorApp() {
   StopMonitors();
@@ -44,22 +37,10 @@ bool MonitorApp::Init() {
     monitor_set.EndToolNow();
   });
 
-  if (!CreateMonitors()) return false;
+  if (!monitor_set.Create(option, runner)) return false;
   InitInput();
   initialised = InitDisplay();
   return initialised;
-}
-
-bool MonitorApp::CreateMonitors() {
-  MonitorOption option;
-  option.delay_ms = delay_ms;
-  option.iterations = iterations;
-  option.frequency = frequency;
-  option.duration_s = duration_s;
-  option.batch = batch;
-  option.enable_list = enable_list;
-
-  return monitor_set.Create(option, runner);
 }
 
 void MonitorApp::InitInput() {
@@ -82,7 +63,7 @@ bool MonitorApp::InitDisplay() {
     terminal.RestoreTerminal();
     return false;
   }
-  if (timer.SetPeriod(delay_ms) != 0) {
+  if (timer.SetPeriod(option.delay_ms) != 0) {
     terminal.RestoreTerminal();
     return false;
   }
@@ -95,10 +76,10 @@ void MonitorApp::OnTimer(int fd) {
   // Expiries missed while busy are read as one count and give one frame.
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
-    LogBatchError(batch, "Read timer expire time failed\n");
+    LogBatchError(option.batch, "Read timer expire time failed\n");
   }
   terminal.Refresh();
-  if (iterations <= g_frame_counter) runner->Stop();
+  if (option.iterations <= g_frame_counter) runner->Stop();
   ++g_frame_counter;
 }
 

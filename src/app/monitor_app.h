@@ -47,18 +47,12 @@ class MonitorApp {
   }
 
  private:
-  bool CreateMonitors();
   void InitInput();
   bool InitDisplay();
   void OnTimer(int fd);
 
   display::TerminalDisplay terminal;
-  std::uint32_t delay_ms;
-  std::uint32_t iterations;
-  std::uint32_t frequency;
-  std::uint32_t duration_s;
-  bool batch;
-  std::vector<std::string> enable_list;
+  const MonitorOption option;
   std::shared_ptr<WatchTaskRunner> runner;
   MonitorSet monitor_set;
   runner::PeriodicTimer timer;
