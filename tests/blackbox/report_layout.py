@@ -139,3 +139,38 @@ def values(lines):
         elif code == "p":
             out["processes"][v[1]] = (v[0], *size(v[2]))
     return out
+
+
+# ------------------------------------------------------------- batch output
+
+CRASH_TEXT = ("Sanitizer", "runtime error", "Segmentation", "core dumped", "terminate called",
+              "Aborted")
+
+
+def well_formed(stdout, stderr, count=None):
+    """The frames of a batch output, each checked; no crash text on stderr."""
+    frames = split_report(stdout)
+    assert frames and len(frames) == (count or len(frames)), len(frames)
+    assert [i for i, f in enumerate(frames) if layout_problems(f)] == []
+    assert [t for t in CRASH_TEXT if t in stderr] == [], stderr[-500:]
+    return frames
+
+
+def dsp0(frame):
+    return dict(values(frame)["rows"])["DSP0"]
+
+
+# ------------------------------------------------------- interactive output
+
+CURSOR_UP = re.compile(rb"\x1b\[(\d+)A")
+FULL_CODES = expected_codes(15, True, 4, 2)  # the "full" board once running: 40 lines
+SHOW = b"\x1b[?25h"
+
+
+def frames_done(raw):
+    """Frames completed so far: each frame ends by moving the cursor back up."""
+    return len(CURSOR_UP.findall(raw))
+
+
+def lines(screen):
+    return [line.rstrip() for line in screen.display]

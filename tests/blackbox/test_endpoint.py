@@ -15,7 +15,7 @@ import urllib.request
 import pytest
 
 from conftest import hang_bound
-from test_record import check_exposed, free_port, prom_samples
+from recordings import check_exposed, free_port, prom_samples
 
 # The recorder on the board (argv: binary, port, then its other options) until
 # the test creates "stop" in the board's folder; "kill-ddr" there first kills

@@ -9,9 +9,10 @@ import time
 
 import pytest
 
-from conftest import (CRASH_TEXT, HANG_S, SCENARIOS, WRAPPER, board_file, check_loading,
-                      check_restored, hang_bound, wait_frames, wall_to_monotonic)
-from report_layout import format_size, layout_problems, split_report, values
+from board_truth import check_loading, wall_to_monotonic
+from conftest import (HANG_S, SCENARIOS, WRAPPER, board_file, check_restored, hang_bound,
+                      wait_frames)
+from report_layout import CRASH_TEXT, format_size, layout_problems, split_report, values
 
 # Runs inside the board: the monitor's status and when it ended, then what is
 # still running once a dying process has had a moment to be reaped.

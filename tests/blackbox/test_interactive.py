@@ -8,9 +8,9 @@ import time
 import pyte
 import pytest
 
-from conftest import (CURSOR_UP, FULL_CODES, WRAPPER, check_restored, frames_done, hang_bound,
-                      lines, wait_frames)
-from report_layout import BORDER, HEADER_TEXTS, TITLE, codes, expected_codes, layout_problems
+from conftest import WRAPPER, check_restored, hang_bound, wait_frames
+from report_layout import (BORDER, CURSOR_UP, FULL_CODES, HEADER_TEXTS, TITLE, codes,
+                           expected_codes, frames_done, layout_problems, lines)
 
 HIDE = b"\x1b[?25l"
 

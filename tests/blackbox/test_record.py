@@ -1,12 +1,9 @@
 """kvt_zqp_record on the simulated board: its records in each format against the
 scenario's ground truth, the Prometheus file through promtool and a real
 node_exporter, the plot of a run, and every way a run ends."""
-import csv
-import json
 import os
 import re
 import shutil
-import socket
 import subprocess
 import threading
 import time
@@ -15,52 +12,10 @@ from datetime import datetime, timezone
 
 import pytest
 
-from conftest import REPO, WINDOW_STRETCH, check_loading, wall_to_monotonic
-
-MIB = 1 << 20
-RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
-
-
-def number(cell, kind=int):
-    """A CSV cell; None where the figure is missing."""
-    return kind(cell) if cell else None
-
-
-def csv_records(path):
-    """The rows of a recorded CSV as records; every row complete, CRLF line ends;
-    a missing figure is None."""
-    raw = path.read_bytes()
-    assert raw.endswith(b"\r\n") and raw.count(b"\n") == raw.count(b"\r\n")
-    header, *rows = csv.reader(raw.decode().splitlines())
-    assert header[:2] == ["time", "elapsed_s"]
-    out = []
-    for row in rows:
-        assert len(row) == len(header), row
-        cell = dict(zip(header, row))
-        heaps = {k[:-len("_total_bytes")] for k in header if k.endswith("_total_bytes")}
-        out.append({
-            "time": cell["time"], "elapsed_s": float(cell["elapsed_s"]),
-            "loading": [(k, number(cell[k], float)) for k in header[2:]
-                        if re.fullmatch(r"[A-Z]+\d+", k)],
-            "ddr": (number(cell["ddr_read_bytes_per_second"]),
-                    number(cell["ddr_write_bytes_per_second"])),
-            "heaps": {h: tuple(number(cell[f"{h}_{f}_bytes"]) for f in ("total", "used", "free"))
-                      for h in heaps}})
-    return out
-
-
-def json_records(text):
-    out = []
-    for line in text.splitlines():
-        r = json.loads(line)
-        ddr = r["ddr"] or {"read_bytes_per_second": None, "write_bytes_per_second": None}
-        out.append(dict(r, loading=[(x["label"], x["percent"]) for x in r["loading"]],
-                        ddr=(ddr["read_bytes_per_second"], ddr["write_bytes_per_second"]),
-                        heaps={h["name"]: (h["total_bytes"], h["used_bytes"], h["free_bytes"])
-                               for h in r["heaps"]}))
-        assert all(x["label"] == f'{x["engine"]}{x["core"]}' for x in r["loading"])
-    return out
-
+from board_truth import WINDOW_STRETCH, check_loading, wall_to_monotonic
+from conftest import REPO
+from recordings import (MIB, RFC3339, check_exposed, csv_records, free_port, json_records,
+                        prom_samples)
 
 def check_records(records, t, count, delay_s, run):
     """The records against the truth; the DSP figures against what the board's
@@ -112,48 +67,6 @@ def test_records_match_truth(run_on_board, record_binary, truth, tmp_path, fmt):
     for name, p in t["processes"].items():
         assert procs[name]["rss_bytes"] >= p["rss_kb_min"] * 1024
         assert procs[name]["pid"] == r.pids()[name]
-
-
-def prom_samples(text):
-    """{(name, ((label, value), ...)): value} of an exposition."""
-    samples = {}
-    for line in text.splitlines():
-        if line and not line.startswith("#"):
-            m = re.fullmatch(r"(\w+)(?:\{(.*)\})? (\S+)", line)
-            labels = tuple(sorted(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', m[2] or "")))
-            samples[(m[1], labels)] = float(m[3])
-    return samples
-
-
-def check_exposed(got, t, r, delay_s, ddr_live=True):
-    """The series of one exposition ({(name, labels): value}, in the report's
-    order unless a server sorted them) against the scenario's truth: loading at
-    the sample's time, DDR, heaps, ION holders."""
-    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
-            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
-    rows.sort(key=lambda row: t["rows"].index(row[0]) if row[0] in t["rows"] else -1)
-    assert [label for label, _ in rows] == t["rows"]
-    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
-    assert check_loading(r.dsp().loading(t["loading"], at, delay_s), t, rows) == []
-    assert got[("kvt_zqp_ddr_figures_live", ())] == int(ddr_live)
-    for direction in ("read", "write"):
-        key = ("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))
-        assert got.get(key) == (t["ddr"][direction] * MIB if ddr_live else None)
-    for name, h in t["heaps"].items():
-        for metric, value in (("size", h["total"]), ("used", h["used"]),
-                              ("free", h["total"] - h["used"])):
-            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
-    pids = r.pids()
-    for name, p in t["processes"].items():
-        key = (("name", name), ("pid", str(pids[name])))
-        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
-    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, tmp_path):

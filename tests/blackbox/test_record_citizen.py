@@ -11,7 +11,8 @@ from datetime import datetime, timezone
 
 import pytest
 
-from conftest import EMULATED, board_file
+from board_truth import EMULATED
+from conftest import board_file
 
 NOBODY = 65534
 

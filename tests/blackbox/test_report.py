@@ -5,8 +5,8 @@ import json
 
 import pytest
 
-from conftest import check_loading, tolerance
-from report_layout import expected_codes, codes, format_size, layout_problems, split_report, values
+from board_truth import check_loading, tolerance
+from report_layout import codes, expected_codes, format_size, layout_problems, split_report, values
 
 
 def batch_frames(run, count):

@@ -8,9 +8,10 @@ import time
 
 import pyte
 
-from conftest import (CLIENT, CRASH_TEXT, CURSOR_UP, FULL_CODES, EMULATED, HANG_S, drive,
-                      dsp0, dsp_board, growth, hang_bound, lines, wait_frames, well_formed)
-from report_layout import codes, layout_problems
+from board_truth import EMULATED
+from conftest import CLIENT, HANG_S, drive, dsp_board, growth, hang_bound, wait_frames
+from report_layout import (CRASH_TEXT, CURSOR_UP, FULL_CODES, codes, dsp0, layout_problems, lines,
+                           well_formed)
 
 PIDFD = "anon_inode:[pidfd]"
 # The handled set: bit N of the fatal mask stands for signal N.

@@ -9,8 +9,10 @@ from pathlib import Path
 
 import pytest
 
-from conftest import CLIENT, CRASH_TEXT, DspActivity, tolerance, wall_to_monotonic
-from test_record import MIB, csv_records
+from board_truth import DspActivity, tolerance, wall_to_monotonic
+from conftest import CLIENT
+from report_layout import CRASH_TEXT
+from recordings import MIB, csv_records
 
 BOARD = "workload"
 # Busy 40 % of its 3.5 s life, then exits with 3.
