@@ -22,8 +22,9 @@ struct MonitorConfig {
   bool write_sample_time = false;
   bool batch = false;
   // One entry per core, in core order: board paths (logical, see BoardPath)
-  // or, for the DSP, shared-memory object names.
-  std::vector<std::string> files;
+  // or, for the DSP, shared-memory object names. ({}: designated initialisers
+  // may leave it out without a warning.)
+  std::vector<std::string> files{};
   // MonitorOption::read_only: write nothing on the board; loading slots start
   // as NaN (no figure yet) and a failed read publishes NaN, not 0.
   bool read_only = false;

@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // In batch mode with -v a bad row is printed too. Each '\n'-ended line, of
   // any length, is parsed, then the whole input as one line.
   static DDRMonitor* const monitor =
-      (SetLogLevel(0), new DDRMonitor({"DDR", 0, 0, false, false, true, {}}));
+      (SetLogLevel(0), new DDRMonitor({.name = "DDR", .batch = true}));
   for (std::size_t start = 0, end; start < size; start = end + 1) {
     end = std::min(text.find('\n', start), size - 1);
     monitor->ParseLine(text.substr(start, end - start + 1).c_str());
@@ -110,7 +110,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   constexpr auto reader =
       std::string_view(KZM_FUZZ_NAME) == "second_token" ? ReadSecondToken : ReadPlainNumber;
   static const int fd = memfd_create("kzm_fuzz_loading", MFD_CLOEXEC);
-  static FileMonitor monitor({"GDC", 0, 1000, true, false, true, {}}, nullptr, reader);
+  static FileMonitor monitor({.name = "GDC", .delay = 1000, .task_per_file = true, .batch = true},
+                             nullptr, reader);
   if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
     std::abort();
   char buffer[64] = {};
@@ -180,7 +181,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     pos += length;
   }
   {
-    Dsp monitor({"DSP", 500, 1000, false, false, true, names}, nullptr);
+    Dsp monitor({.name = "DSP", .frequency = 500, .delay = 1000, .batch = true, .files = names},
+                nullptr);
     monitor.Start();
     for (int events = 0; pos + 9 <= size && events < 16; pos += 9, ++events) {
       DSPEventMsg msg = 0;

@@ -17,7 +17,8 @@ class TestMonitor : public MonitorBase {
  public:
   TestMonitor(const std::string& monitor_name, bool ready_in, int task_count,
               std::shared_ptr<WatchTaskRunner> runner_in = nullptr)
-      : MonitorBase(MonitorConfig{monitor_name, 500, 1000, false, false, false, {}}, runner_in) {
+      : MonitorBase(MonitorConfig{.name = monitor_name, .frequency = 500, .delay = 1000},
+                    runner_in) {
     ready.store(ready_in);
     // Each task counts its start and runs until the stop flag is set.
     for (int i = 0; i < task_count; ++i)

@@ -66,7 +66,12 @@ TEST(MonitorConfigTest, DiscoveryOnBoards) {
     const std::string err = test_support::CaptureStderr([&] { got = generate(kOptions); });
     EXPECT_EQ(err + Render(got), expected);
   }
-  MonitorConfig ddr{"junk", 9, 9, true, true, false, {"file"}};
+  MonitorConfig ddr{.name = "junk",
+                    .frequency = 9,
+                    .delay = 9,
+                    .task_per_file = true,
+                    .write_sample_time = true,
+                    .files = {"file"}};
   EXPECT_TRUE(BuildDdrConfig(kOptions, ddr));
   EXPECT_EQ(Render(ddr), "DDR 0 700 001");
 }

@@ -17,7 +17,8 @@ class ScriptedMonitor : public StatusMonitor {
  public:
   ScriptedMonitor(std::uint32_t frequency, std::uint32_t delay, std::uint32_t cores,
                   std::function<bool(std::uint32_t)> busy_in)
-      : StatusMonitor(MonitorConfig{"YPU", frequency, delay, false, false, false, {}}, nullptr),
+      : StatusMonitor(MonitorConfig{.name = "YPU", .frequency = frequency, .delay = delay},
+                      nullptr),
         busy(std::move(busy_in)) {
     SetLoadingNum(cores);
     SetTasks({[this] { Run(); }});

@@ -20,7 +20,7 @@ using test_support::CaptureStderr;
 using Result = DdrLineResult;
 
 MonitorConfig DdrConfig(bool batch) {
-  return MonitorConfig{"DDR", 0, 0, false, false, batch, {}};
+  return MonitorConfig{.name = "DDR", .batch = batch};
 }
 
 // A fake tool first on PATH. The port choice is cached by the first monitor

@@ -115,7 +115,9 @@ class DspMonitorTest : public ::testing::Test {
     SetLogLevel(level);
     const std::string printed = test_support::CaptureStderr([&] {
       monitor_ = std::make_unique<DSPMonitor>(
-          MonitorConfig{"DSP", 500, 1000000, false, false, batch, names_}, runner_);
+          MonitorConfig{
+              .name = "DSP", .frequency = 500, .delay = 1000000, .batch = batch, .files = names_},
+          runner_);
       monitor_->Start();
     });
     loop_ = std::thread([this] { runner_->Run(); });

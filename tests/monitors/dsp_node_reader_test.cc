@@ -57,13 +57,7 @@ class DspNodeReaderTest : public ::testing::Test {
   }
 
   MonitorConfig Config() const {
-    MonitorConfig config;
-    config.name = "DSP";
-    config.frequency = 500;
-    config.delay = 1000;
-    config.files = names_;
-    config.read_only = true;
-    return config;
+    return {.name = "DSP", .frequency = 500, .delay = 1000, .files = names_, .read_only = true};
   }
 
   std::vector<std::string> names_;

@@ -24,8 +24,13 @@ using std::chrono::milliseconds;
 auto Make(std::vector<std::string> files, std::uint32_t delay, const std::string& name = "GDC",
           FileMonitor::Reader reader = ReadSecondToken) {
   const bool gdc = name == "GDC";
-  return std::make_unique<FileMonitor>(
-      MonitorConfig{name, 500, delay, gdc, gdc, false, std::move(files)}, nullptr, reader);
+  return std::make_unique<FileMonitor>(MonitorConfig{.name = name,
+                                                     .frequency = 500,
+                                                     .delay = delay,
+                                                     .task_per_file = gdc,
+                                                     .write_sample_time = gdc,
+                                                     .files = std::move(files)},
+                                       nullptr, reader);
 }
 
 TEST(FileMonitorTest, WritesThePeriodClampedTo3sAsBareDigitsOverTheFilesStartAndClosesIt) {

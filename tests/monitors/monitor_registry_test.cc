@@ -15,7 +15,7 @@ using test_support::CaptureStderr;
 
 MonitorConfig Config(const std::string& name, std::uint32_t frequency, std::uint32_t delay,
                      const char* file = "/loading") {
-  return MonitorConfig{name, frequency, delay, false, false, false, {file}};
+  return MonitorConfig{.name = name, .frequency = frequency, .delay = delay, .files = {file}};
 }
 
 // A zero delay is refused for every engine, a zero frequency for YPU and DSP
