@@ -1,4 +1,4 @@
-"""The command line of the real binary: exact stdout, stderr and exit status.
+"""The command lines of the real binaries: exact stdout, stderr and exit status.
 
 Command lines that end in the parser run on the host; accepted ones start the
 monitor and run on the bare board."""
@@ -46,10 +46,10 @@ def invalid(item):
     return f"{item} is invalid, valid value is {KEYS}, case-insensitive\n"
 
 
-def run(binary, args):
+def run(binary, args, name="kvt_zqp_monitor", cwd=None):
     # argv[0] as typed on the board: getopt's messages start with it.
-    r = subprocess.run(["kvt_zqp_monitor"] + args, executable=binary, stdin=subprocess.DEVNULL, capture_output=True,
-                       text=True, timeout=30)
+    r = subprocess.run([name] + args, executable=binary, stdin=subprocess.DEVNULL,
+                       capture_output=True, text=True, timeout=30, cwd=cwd)
     return r.stdout, r.stderr, r.returncode
 
 
@@ -120,3 +120,34 @@ def test_verbose_summary_of_accepted_command_lines(run_monitor, args, summary):
     r = run_monitor("bare", args, timeout=30)
     assert r.returncode == 0, r.stderr
     assert r.stderr[:len(summary)] == summary
+
+
+REC = "kvt_zqp_record: "
+COMBINED = REC + "-n and -t cannot be combined with a command\n"
+
+
+def processes(value):
+    return REC + f"--processes takes a number from 0 to 1000, not '{value}'\n"
+
+
+# The recorder refuses these before it reads the board or creates a file.
+@pytest.mark.parametrize("args,err", [
+    (["-d", "99"], DELAY % 99),
+    (["-x"], REC + "invalid option -- 'x'\nTry 'kvt_zqp_record --help' for more information.\n"),
+    (["--format", "xml"], REC + "format 'xml' is not one of csv, jsonl, prometheus, openmetrics\n"),
+    (["-n", "2", "-t", "2"], BOTH),
+    (["-n", "2", "out.csv"], COMBINED),
+    (["-t", "3", "--summary", "s.json", "--", "true"], COMBINED),
+    (["-e", ""], REC + "the engine list is empty\n"),
+    (["--processes=1001"], processes("1001")),
+    (["--processes=-1"], processes("-1")),
+    (["--processes="], processes("")),
+    (["--processes=+5"], processes("+5")),
+    (["--summary", "s.json"], REC + "--summary needs a command to summarise\n"),
+    (["--summary=", "true"], REC + "the summary file name is empty\n"),
+    (["-o", ""], REC + "the output file name is empty\n"),
+    (["--listen=:65536"], REC + "listen port '65536' is not a number from 0 to 65535\n"),
+], ids=lambda v: " ".join(v) if isinstance(v, list) else "")
+def test_recorder_refusals(record_binary, tmp_path, args, err):
+    assert run(record_binary, args, "kvt_zqp_record", tmp_path) == ("", err, 1)
+    assert list(tmp_path.iterdir()) == []

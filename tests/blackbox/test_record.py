@@ -158,17 +158,6 @@ UNTIL_THREE = 'until [ "$(cat "$2" 2>/dev/null | wc -l)" -ge 4 ]; do sleep 0.05;
 # stderr holds, and how many complete records the output keeps (None: no file).
 ENDINGS = [
     ("help", ["-h"], 0, "", None),
-    ("bad-value", ["-d", "99"], 1, "delay valid range is [100, 10000], but get 99\n", None),
-    ("unknown-option", ["-x"], 1,
-     "kvt_zqp_record: invalid option -- 'x'\nTry 'kvt_zqp_record --help' for more information.\n",
-     None),
-    ("bad-format", ["--format", "xml"], 1,
-     "kvt_zqp_record: format 'xml' is not one of csv, jsonl, prometheus, openmetrics\n", None),
-    ("count-and-time", ["-n", "2", "-t", "2"], 1, "Not support setting both number and time\n",
-     None),
-    ("count-with-a-command", ["-n", "2", "out.csv"], 1, "kvt_zqp_record: -n and -t cannot be combined with a command\n",
-     None),
-    ("empty-engine-list", ["-e", ""], 1, "kvt_zqp_record: the engine list is empty\n", None),
     # An engine named twice is one column; -t counts in 64 bits (5e6 s at
     # 1000 ms wraps to 705032 records in 32 bits).
     ("repeated-engine", '"$1" -n 1 -d 100 -e gdc,GDC | head -n 1 | grep -q "^time,elapsed_s,GDC0,GDC1,ddr_"',

@@ -136,8 +136,6 @@ ENDINGS = [
     ("not-found", [], ["kzm-no-such-command", "x"], 127, None,
      "cannot run 'kzm-no-such-command': No such file or directory"),
     ("not-executable", [], ["{script}"], 126, None, "cannot run '{script}': Permission denied"),
-    ("count", ["-n", "3"], ["true"], 1, None, "-n and -t cannot be combined with a command"),
-    ("time", ["-t", "3"], ["true"], 1, None, "-n and -t cannot be combined with a command"),
 ]
 
 
