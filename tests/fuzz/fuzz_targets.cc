@@ -88,6 +88,139 @@ class [[maybe_unused]] Dsp : public DSPMonitor {
 
 using namespace kestro::zqp;
 
+#ifdef KZM_FUZZ_WRITERS
+// Any bytes as a process name and a loading label: each format's escaping,
+// read back by a strict reader of that format, gives the bytes again (the
+// exposition's label values: the bytes with what UTF-8 forbids there replaced).
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+#include "record/metric_catalogue.h"
+#include "record/writers.h"
+
+namespace {
+
+using namespace kestro::zqp::record;
+
+void Check(bool ok) {
+  if (!ok) std::abort();
+}
+
+bool IsValidUtf8(std::string_view bytes) {
+  for (std::size_t at = 0, length; at < bytes.size(); at += length) {
+    if ((length = Utf8SequenceLength(bytes, at)) == 0) return false;
+  }
+  return true;
+}
+
+// A JSON string starting at text[at] as RFC 8259 has it (no raw control byte,
+// only its escapes), its \udcXX escapes read as the byte XX; at ends past it.
+std::optional<std::string> ReadJsonString(std::string_view text, std::size_t& at) {
+  if (at >= text.size() || text[at++] != '"') return std::nullopt;
+  std::string out;
+  while (at < text.size() && text[at] != '"') {
+    const std::size_t length = Utf8SequenceLength(text, at);
+    if (length == 0 || static_cast<unsigned char>(text[at]) < 0x20) return std::nullopt;
+    if (text[at] != '\\') {
+      out.append(text.substr(at, length));
+      at += length;
+    } else if (at + 1 < text.size() && (text[at + 1] == '"' || text[at + 1] == '\\')) {
+      out += text[at + 1];
+      at += 2;
+    } else {
+      unsigned unit = 0;
+      const char* const digits = text.data() + at + 2;
+      if (at + 6 > text.size() || text[at + 1] != 'u' ||
+          std::from_chars(digits, digits + 4, unit, 16).ptr != digits + 4 ||
+          !(unit < 0x80 || (unit >= 0xdc80 && unit <= 0xdcff)))
+        return std::nullopt;
+      out += static_cast<char>(unit & 0xff);
+      at += 6;
+    }
+  }
+  if (at++ >= text.size()) return std::nullopt;
+  return out;
+}
+
+// An exposition label value (without its quotes): only \\, \" and \n escaped,
+// no raw quote or line end.
+std::optional<std::string> ReadLabelValue(std::string_view text) {
+  std::string out;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '"' || text[at] == '\n') return std::nullopt;
+    if (text[at] != '\\') {
+      out += text[at];
+      continue;
+    }
+    if (++at == text.size()) return std::nullopt;
+    if (text[at] != '\\' && text[at] != '"' && text[at] != 'n') return std::nullopt;
+    out += text[at] == 'n' ? '\n' : text[at];
+  }
+  return out;
+}
+
+// The fields of one RFC 4180 record ending in CRLF, quotes undone.
+std::optional<std::vector<std::string>> ReadCsvLine(std::string_view line) {
+  if (!line.ends_with("\r\n")) return std::nullopt;
+  line.remove_suffix(2);
+  std::vector<std::string> fields(1);
+  for (std::size_t at = 0; at < line.size();) {
+    if (line[at] == ',') {
+      fields.emplace_back();
+      ++at;
+    } else if (line[at] == '"' && fields.back().empty()) {
+      for (++at;; ++at) {
+        if (at == line.size()) return std::nullopt;
+        if (line[at] == '"' && (at + 1 == line.size() || line[at + 1] != '"')) break;
+        if (line[at] == '"') ++at;
+        fields.back() += line[at];
+      }
+      if (++at < line.size() && line[at] != ',') return std::nullopt;
+    } else if (line[at] == '"' || line[at] == '\r' || line[at] == '\n') {
+      return std::nullopt;
+    } else {
+      fields.back() += line[at++];
+    }
+  }
+  return fields;
+}
+
+void FuzzWriters(const std::string& name) {
+  Record record;
+  record.loading = {{name, 0, 50.0f}};
+  record.processes = {{1, name, 2, 3}};
+
+  const std::string json = JsonLine(record);
+  constexpr std::string_view kKey = "\"processes\":[{\"pid\":1,\"name\":";
+  const std::size_t key = json.find(kKey);
+  Check(key != std::string::npos);
+  std::size_t at = key + kKey.size();
+  Check(ReadJsonString(json, at) == name &&
+        json.substr(at) == ",\"rss_bytes\":2,\"ion_bytes\":3}]}\n");
+
+  const std::optional<std::string> label = ReadLabelValue(PrometheusLabelValue(name));
+  Check(label && IsValidUtf8(*label));
+  bool clean = IsValidUtf8(name);
+  for (const char c : name)
+    clean = clean && (static_cast<unsigned char>(c) >= 0x20 || c == '\n') && c != 0x7f;
+  Check(!clean || label == name);
+  // A name never adds or breaks a line of the exposition.
+  record.processes[0].name = "x";
+  const auto lines = [](const std::string& text) {
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  const std::ptrdiff_t plain = lines(PrometheusText(record, 1));
+  record.processes[0].name = name;
+  Check(lines(PrometheusText(record, 1)) == plain);
+
+  const std::optional<std::vector<std::string>> header = ReadCsvLine(CsvHeader(LayoutOf(record)));
+  Check(header && header->size() == 5 && (*header)[2] == name + "0");
+}
+
+}  // namespace
+#endif
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
 #if defined(KZM_FUZZ_HEAP_TEXT) || defined(KZM_FUZZ_PROC_STATUS)
@@ -156,7 +289,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // event; with bit 7 set the message's process then exits.
   static std::vector<std::string> names;
   static int fds[2];
-  static std::vector<std::pair<unsigned, unsigned> > spare;  // descriptors free at the start
+  static std::vector<std::pair<unsigned, unsigned>> spare;  // descriptors free at the start
   if (names.empty()) {
     for (int core = 0; core < 3; ++core) {
       names.push_back("/kzm_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(core));
@@ -207,6 +340,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // What the monitor keeps open on purpose: stale lock and object descriptors,
   // untracked process descriptors, the fifo's write end.
   for (const auto& [first, last] : spare) close_range(first, last, 0);
+#elif defined(KZM_FUZZ_WRITERS)
+  FuzzWriters(text);
 #endif
   return 0;
 }
