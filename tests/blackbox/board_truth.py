@@ -292,14 +292,6 @@ class DspActivity:
                 if want == CLIENTS else want for label, want in truth_loading.items()}
 
 
-def dsp_busy_share(workdir, t0, t1, core):
-    """The busy share (percent) the board's simulated DSP clients really produced
-    on DSP core `core` between t0 and t1 (time.monotonic() seconds: CLOCK_MONOTONIC,
-    the clock of the clients' logs). workdir is the board's folder (BoardRun.workdir,
-    or KZM_SIM_WORKDIR on the board); its logs/dsp_busy_<i>.log are read."""
-    return DspActivity(workdir).share(core, t0, t1)
-
-
 def wall_to_monotonic(wall):
     """A CLOCK_REALTIME time (seconds, as time.time()) on the time.monotonic() clock."""
     return wall - (time.time() - time.monotonic())
