@@ -11,8 +11,9 @@ from datetime import datetime, timezone
 
 import pytest
 
-from board_truth import EMULATED
+from board_truth import EMULATED, DspActivity, check_loading, wall_to_monotonic
 from conftest import board_file
+from report_layout import values, well_formed
 
 NOBODY = 65534
 
@@ -233,7 +234,6 @@ STRETCH = 1.5
 
 def recorded_dsp_problems(records, workdir, delay_s, tol):
     """Each record's DSP figures against what the clients really did."""
-    from conftest import DspActivity, wall_to_monotonic
     activity = DspActivity(workdir)
     problems, missing = [], 0
     for r in records:
@@ -263,7 +263,6 @@ def test_monitor_and_recorder_side_by_side(run_on_board, binary, record_binary, 
     """Both on the churning board, each starting first and ending first in
     turn: the monitor's frames follow every client as they do alone, and so do
     the recorder's records, before, during and after the other's life."""
-    from conftest import check_loading, values, well_formed
     t, delay = truth("dsp_churn"), 0.5
     out = tmp_path / "run.jsonl"
     # The one that starts first runs for the whole scenario (10 s); the other

@@ -6,6 +6,7 @@ import json
 import pytest
 
 from board_truth import check_loading, tolerance
+from conftest import SCENARIOS
 from report_layout import codes, expected_codes, format_size, layout_problems, split_report, values
 
 
@@ -130,7 +131,6 @@ def test_dsp_processes_appear_and_leave(run_monitor, truth):
 def test_heap_text_of_5000_rows_is_read_whole(run_monitor, tmp_path):
     """debugfs texts have no size limit: a heap text of 5,000 allocation rows
     (about 370 KB) is summed to its last row, and the heap after it is read."""
-    from conftest import SCENARIOS
     names = ["cam_svc", "media_svc", "dsp_app", "npu_pipeline"]
     # Small rows of varied page counts, then one large row per process at the
     # very end, so that a text cut short anywhere shows a smaller used figure.
