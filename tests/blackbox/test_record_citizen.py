@@ -1,11 +1,14 @@
 """kvt_zqp_record as a neighbour on the board: its output never goes through a
 link another user planted nor empties another user's hard link, a replaced
-file keeps its owner and mode, closed standard
-descriptors keep messages out of the output, figures it cannot vouch for are
-missing, and no DDR tool outlives either program after a fatal signal."""
+file keeps its owner and mode, a service manager hears of every record,
+closed standard descriptors keep messages out of the output, figures it
+cannot vouch for are missing, and no DDR tool outlives either program after
+a fatal signal."""
+import contextlib
 import json
 import os
 import signal
+import socket
 import stat
 import subprocess
 from datetime import datetime, timezone
@@ -155,6 +158,20 @@ def test_replaced_file_keeps_its_owner_and_mode(record_binary, tmp_path, existin
         want[0], os.geteuid() if want[1] is None else want[1],
         os.getegid() if want[2] is None else want[2])
     assert {p.name for p in tmp_path.iterdir()} == kept | {"kzm.prom"}
+
+
+def test_service_watchdog_hears_of_every_record(record_binary, tmp_path):
+    manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    manager.bind(str(tmp_path / "notify"))
+    env = dict(os.environ, NOTIFY_SOCKET=str(tmp_path / "notify"), WATCHDOG_USEC="60000000")
+    r = record_on_host(record_binary, ["-n", "3", "-o", "/dev/null"], env=env)
+    assert r.returncode == 0, r.stderr
+    manager.setblocking(False)
+    heard = []
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            heard.append(manager.recv(64))
+    assert heard == [b"WATCHDOG=1"] * 3
 
 
 def test_closed_stderr_leaves_the_csv_clean(record_binary, tmp_path):
