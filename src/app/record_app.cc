@@ -18,6 +18,7 @@
 #include "monitor/monitor_config.h"
 #include "monitors/dsp_node_reader.h"
 #include "record/record.h"
+#include "record/service_watchdog.h"
 
 namespace kestro::zqp::monitor {
 namespace {
@@ -246,6 +247,7 @@ void RecordApp::TakeAndWrite() {
   if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
   last_record_ms = elapsed_ms;
   if (option.listen) Publish(record);
+  record::NotifyWatchdog();
   if (!writing) return;
   std::string text;
   switch (option.format) {
