@@ -108,7 +108,9 @@ bool RecordApp::RouteSignals(sigset_t& ignored_at_start) {
       sigaddset(&ignored, sig);
     }
   }
+  // A dying recorder takes its command with it: nobody would wait for it.
   InstallFatalSignalHandler([this](int) {
+    command.KillNow();
     monitor_set.Stop();
     monitor_set.EndToolNow();
   });
@@ -241,6 +243,10 @@ int RecordApp::Run() {
   return command_status;
 }
 
+int RecordApp::SignalToDieBy() const {
+  return killed_by == SIGINT || killed_by == SIGQUIT ? killed_by : 0;
+}
+
 std::int64_t RecordApp::ElapsedMs() const {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                start)
@@ -309,11 +315,14 @@ void RecordApp::OnStopSignal(int fd) {
     runner->Stop();
     return;
   }
-  // The terminal sends its signals to the whole foreground process group,
-  // the command included: passing such a one on would deliver it twice.
-  if (info.ssi_code == SI_KERNEL) return;
-  LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
-  command.Forward(static_cast<int>(info.ssi_signo));
+  // The terminal sends its keys' signals to the whole foreground process
+  // group, and kill with a negative pid to a whole group: a command in it got
+  // the signal already, and passing it on would deliver it twice.
+  if (command.PassOn(static_cast<int>(info.ssi_signo), info.ssi_code)) {
+    LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
+  } else {
+    LogVerbose("signal %u: the command got it too\n", info.ssi_signo);
+  }
 }
 
 bool RecordApp::Emit(const std::string& text) {

@@ -42,10 +42,15 @@ class RecordApp {
   bool Init();
   // Runs until the last record, SIGINT or SIGTERM, or a failed write; returns
   // the exit status: 0, or 1 after a failed write. With a command: runs until
-  // the command ends, passing SIGINT, SIGTERM, SIGHUP and SIGQUIT on to it,
-  // prints the summary and returns the command's status (128 + N when signal
-  // N killed it); 126 or 127 when it could not be started.
+  // the command ends, passing SIGINT, SIGTERM, SIGHUP and SIGQUIT on to it
+  // unless it got them too, prints the summary and returns the command's
+  // status (128 + N when signal N killed it); 126 or 127 when it could not be
+  // started.
   int Run();
+  // After Run: SIGINT or SIGQUIT when that signal killed the command, which
+  // the recorder then dies by too once it is destroyed, so that a shell stops
+  // its loop as it would for the command alone; otherwise 0.
+  int SignalToDieBy() const;
 
  private:
   // The steps of Init, in its order.
