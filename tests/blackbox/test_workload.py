@@ -261,8 +261,10 @@ TERMINAL = [
     # Dies by the terminal's SIGINT: the loop stops at the first recording.
     ("int-stops-loop", 'for i in 1 2; do ' + RECORD + 'sh -c \'echo ready >>$L; exec sleep 600\'; '
      'done', "\x03", [], 130),
-    # A fatal signal to the recorder alone ends the command too.
-    ("usr1-to-recorder", RECORD + 'python3 $C $L', "usr1", [], 128 + signal.SIGUSR1),
+    # A fatal signal to the recorder alone ends the command too, as does
+    # SIGKILL, through the command's parent-death signal.
+    ("usr1-to-recorder", RECORD + 'python3 $C $L', signal.SIGUSR1, [], 128 + signal.SIGUSR1),
+    ("kill-9-recorder", RECORD + 'python3 $C $L', signal.SIGKILL, [], 128 + signal.SIGKILL),
 ]
 
 
@@ -312,10 +314,10 @@ def test_terminal_signals_reach_the_command_once(pty_session, record_binary, tmp
     if action == "group":
         pid = counter_pid(counter)
         os.killpg(os.getpgid(pid), signal.SIGTERM)
-    elif action == "usr1":
+    elif isinstance(action, signal.Signals):
         pid = counter_pid(counter)
         with open(f"/proc/{pid}/stat") as f:
-            os.kill(int(f.read().rsplit(")", 1)[1].split()[1]), signal.SIGUSR1)
+            os.kill(int(f.read().rsplit(")", 1)[1].split()[1]), action)
         wait(lambda: gone(pid), "command ended with the recorder")
     else:
         s.send(action)
