@@ -217,7 +217,7 @@ void BM_Frame(benchmark::State& state) {
   }
   memory.processes.clear();
   const auto monitors = Monitors();
-  const DdrFigures ddr{true, 1234, 567};
+  const DdrFigures ddr{.ready = true, .live = true, .read = 1234, .write = 567};
   std::vector<double> wall;
   std::vector<double> cpu;
   {

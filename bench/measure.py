@@ -14,6 +14,9 @@ reports, as seen from inside the board's PID namespace:
 With --with-record, kvt_zqp_record (default options, CSV to a file) runs on
 the same board at the same time as the monitor, and the CPU time per second
 and peak RSS of both are measured over the same N seconds (default 30).
+The floor program of the build (bench/kzm_floor: the monitor's thirteen
+threads asleep, linked the same way) runs beside them, and each program's
+peak RSS is also given as a multiple of the floor's.
 Needs root (see sim/README.md). Not run by CTest.
 """
 import argparse
@@ -47,7 +50,7 @@ def proc_status(pid, key):
     return None
 
 
-def one_run(binary, seconds, measure_cpu, recorder=None):
+def one_run(binary, seconds, measure_cpu, recorder=None, floor=None):
     pid, fd = pty.fork()
     if pid == 0:
         os.execv(binary, [binary])
@@ -71,6 +74,7 @@ def one_run(binary, seconds, measure_cpu, recorder=None):
         fd_out, record_path = tempfile.mkstemp(suffix=".csv")
         os.close(fd_out)
         rec = subprocess.Popen([recorder, "-o", record_path], stdin=subprocess.DEVNULL)
+    low = subprocess.Popen([floor], stdin=subprocess.DEVNULL) if floor else None
     time.sleep(1.0)  # warm-up: monitors started, first frame drawn
     if measure_cpu:
         c0, t0 = proc_cpu_s(pid), time.monotonic()
@@ -86,6 +90,11 @@ def one_run(binary, seconds, measure_cpu, recorder=None):
         time.sleep(seconds)
     result["vm_hwm_kib"] = proc_status(pid, "VmHWM")
     result["threads"] = proc_status(pid, "Threads")
+    if low:
+        result["floor_vm_hwm_kib"] = proc_status(low.pid, "VmHWM")
+        result["floor_threads"] = proc_status(low.pid, "Threads")
+        low.send_signal(signal.SIGTERM)
+        low.wait()
     if rec:
         result["record_vm_hwm_kib"] = proc_status(rec.pid, "VmHWM")
         result["record_threads"] = proc_status(rec.pid, "Threads")
@@ -105,9 +114,9 @@ def one_run(binary, seconds, measure_cpu, recorder=None):
 
 def inner(args):
     if args.recorder:
-        print(json.dumps(one_run(args.binary, args.seconds, True, args.recorder)))
+        print(json.dumps(one_run(args.binary, args.seconds, True, args.recorder, args.floor)))
         return
-    main = one_run(args.binary, args.seconds, True)
+    main = one_run(args.binary, args.seconds, True, floor=args.floor)
     quits = [main["quit_ms"]] + [one_run(args.binary, 1.0, False)["quit_ms"]
                                  for _ in range(args.quits)]
     main["quit_ms_all"] = [round(q, 1) for q in quits]
@@ -125,6 +134,7 @@ def main():
     ap.add_argument("--build-dir", default=os.path.join(REPO, "build"))
     ap.add_argument("--inner", action="store_true")
     ap.add_argument("--binary")
+    ap.add_argument("--floor")
     args = ap.parse_args()
     if args.seconds is None:
         args.seconds = 30 if args.with_record else 20
@@ -135,6 +145,9 @@ def main():
            "--build-dir", args.build_dir, "--", "/usr/bin/python3", os.path.realpath(__file__),
            "--inner", "--binary", binary, "--seconds", str(args.seconds),
            "--quits", str(args.quits)]
+    floor = os.path.join(os.path.abspath(args.build_dir), "bench", "kzm_floor")
+    if os.path.exists(floor):
+        cmd += ["--floor", floor]
     if args.with_record:
         cmd += ["--recorder", os.path.join(os.path.dirname(binary), "kvt_zqp_record")]
     r = subprocess.run(cmd, capture_output=True, text=True, stdin=subprocess.DEVNULL)
@@ -145,10 +158,15 @@ def main():
     if args.with_record:
         print(f"scenario {args.scenario}, default options, both on one board at once, "
               f"{res['wall_s']:.1f} s measured")
-        print(f"{'':16}{'CPU (% of one core)':>22}{'peak RSS (MiB)':>17}{'threads':>9}")
+        print(f"{'':16}{'CPU (% of one core)':>22}{'peak RSS (MiB)':>17}{'threads':>9}"
+              f"{'x floor':>9}")
+        floor = res.get("floor_vm_hwm_kib")
         for name, prefix in (("kvt_zqp_monitor", ""), ("kvt_zqp_record", "record_")):
+            ratio = f"{res[prefix + 'vm_hwm_kib'] / floor:>9.2f}" if floor else ""
             print(f"{name:16}{res[prefix + 'cpu_percent_of_one_core']:>22.2f}"
-                  f"{res[prefix + 'vm_hwm_kib'] / 1024:>17.2f}{res[prefix + 'threads']:>9}")
+                  f"{res[prefix + 'vm_hwm_kib'] / 1024:>17.2f}{res[prefix + 'threads']:>9}{ratio}")
+        if floor:
+            print(f"{'floor':16}{'':>22}{floor / 1024:>17.2f}{res['floor_threads']:>9}")
         print(f"{res['frames']} frames, {res['records']} records; recorder exit status after "
               f"SIGTERM: {res['record_exit_status']}")
         return 0
@@ -157,6 +175,10 @@ def main():
           f"{res['frames']} frames, {res['threads']} threads")
     print(f"CPU: {res['cpu_percent_of_one_core']:.2f} % of one core   (target < 2 %)")
     print(f"peak RSS (VmHWM): {res['vm_hwm_kib'] / 1024:.2f} MiB   (target < 8 MiB)")
+    if "floor_vm_hwm_kib" in res:
+        print(f"floor ({res['floor_threads']} sleeping threads, same build): "
+              f"{res['floor_vm_hwm_kib'] / 1024:.2f} MiB; the monitor takes "
+              f"{res['vm_hwm_kib'] / res['floor_vm_hwm_kib']:.2f}x")
     print(f"quit latency: median {quits[len(quits) // 2]:.1f} ms, max {quits[-1]:.1f} ms "
           f"over {len(quits)} runs {quits}   (target < 100 ms)")
     print(f"exit status after q: {res['exit_status']}")

@@ -1,7 +1,6 @@
 #include "app/fatal_signal_handler.h"
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <utility>
 
@@ -15,14 +14,7 @@ std::function<void(int)> g_signal_callback;
 
 void HandleFatalSignal(int sig) {
   if (g_signal_callback) g_signal_callback(sig);
-  signal(sig, SIG_DFL);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, sig);
-  sigprocmask(SIG_UNBLOCK, &only, nullptr);
-  raise(sig);
-  // Still alive: the default action did not end the process.
-  _exit(128 | sig);
+  DieBySignal(sig);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "monitor/monitor_config.h"
 #include "monitors/dsp_node_reader.h"
 #include "record/record.h"
+#include "record/service_watchdog.h"
 
 namespace kestro::zqp::app {
 namespace {
@@ -49,6 +50,24 @@ RecordApp::~RecordApp() {
 }
 
 bool RecordApp::Init() {
+  sigset_t ignored_at_start;
+  if (!OpenOutputs() || !RouteSignals(ignored_at_start)) {
+    command_status = 1;
+    return false;
+  }
+  PrintSettings();
+  command_status = 1;
+  if (!monitor_set.Create(option.monitor, runner)) return false;
+  const record::Record before = FirstReading();
+  if (!StartServer(before) || !WriteHeader(before) || !StartTimer()) return false;
+  if (!option.command.empty() && !StartCommand(ignored_at_start)) return false;
+  command_status = 0;
+  runner->AddTask(timer.Fd(), [this](int fd) { OnTimer(fd); });
+  initialised = true;
+  return true;
+}
+
+bool RecordApp::OpenOutputs() {
   const bool with_command = !option.command.empty();
   // A wrapped command owns standard output, and a server has no use for it:
   // records then go only to a named file.
@@ -59,27 +78,28 @@ bool RecordApp::Init() {
   if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
                               option.stdout_closed, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
     return false;
   }
   // Bound before anything starts, so that a port in use costs nothing.
   if (option.listen && !server.Bind(option.listen_address, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
     return false;
   }
   // Opened before the command runs, so that a bad name costs no run.
   if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
     LogError("%s: %s\n", kProgram, error.c_str());
-    command_status = 1;
     return false;
   }
+  return true;
+}
 
+bool RecordApp::RouteSignals(sigset_t& ignored_at_start) {
+  const bool with_command = !option.command.empty();
   // The monitor's handler stops the monitors on a fatal signal. A signal that
   // was ignored at start (SIGHUP under nohup) stays ignored, except SIGINT and
   // SIGTERM, which end the run. A command is started with the same ones
   // ignored.
-  sigset_t ignored, ignored_at_start;
+  sigset_t ignored;
   sigemptyset(&ignored);
   sigemptyset(&ignored_at_start);
   for (int sig = 1; sig < NSIG; ++sig) {
@@ -90,7 +110,9 @@ bool RecordApp::Init() {
       sigaddset(&ignored, sig);
     }
   }
+  // A dying recorder takes its command with it: nobody would wait for it.
   InstallFatalSignalHandler([this](int) {
+    command.KillNow();
     monitor_set.Stop();
     monitor_set.EndToolNow();
   });
@@ -123,11 +145,13 @@ bool RecordApp::Init() {
   signal_fd = signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signal_fd < 0) {
     LogError("%s: signalfd failed: %s\n", kProgram, std::strerror(errno));
-    command_status = 1;
     return false;
   }
   runner->AddTask(signal_fd, [this](int fd) { OnStopSignal(fd); });
+  return true;
+}
 
+void RecordApp::PrintSettings() const {
   static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
   LogSettings(option.monitor);
   LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
@@ -135,37 +159,39 @@ bool RecordApp::Init() {
     LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
   }
   if (option.listen) LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
+}
 
-  command_status = 1;
-  if (!monitor_set.Create(option.monitor, runner)) return false;
+record::Record RecordApp::FirstReading() {
   start = std::chrono::steady_clock::now();
   // Before the command: the CSV's columns, the heaps' start, and the start
   // of the first interval.
   const record::Record before =
       record::TakeRecord(monitor_set.Monitors(), monitor_set.Ddr(), memory, WallMs(), 0, intervals);
   summary.Begin(before);
+  return before;
+}
+
+bool RecordApp::StartServer(const record::Record& before) {
+  if (!option.listen) return true;
   // Started once the stop signals are blocked, so that its thread never
   // takes them; it serves the start's figures until the first interval ends.
-  if (option.listen) {
-    Publish(before);
-    if (!server.Start(serve::ServerLimits{}, error)) {
-      LogError("%s: %s\n", kProgram, error.c_str());
-      return false;
-    }
-  }
-  if (writing && option.format == record::Format::kCsv) {
-    layout = record::LayoutOf(before);
-    if (!Emit(record::CsvHeader(layout))) return false;
-  }
-  if (timer.Create() != 0 || timer.SetPeriod(option.monitor.delay_ms) != 0) {
-    LogError("%s: timer failed: %s\n", kProgram, std::strerror(errno));
-    return false;
-  }
-  if (with_command && !StartCommand(ignored_at_start)) return false;
-  command_status = 0;
-  runner->AddTask(timer.Fd(), [this](int fd) { OnTimer(fd); });
-  initialised = true;
-  return true;
+  Publish(before);
+  std::string error;
+  if (server.Start(serve::ServerLimits{}, error)) return true;
+  LogError("%s: %s\n", kProgram, error.c_str());
+  return false;
+}
+
+bool RecordApp::WriteHeader(const record::Record& before) {
+  if (!writing || option.format != record::Format::kCsv) return true;
+  layout = record::LayoutOf(before);
+  return Emit(record::CsvHeader(layout));
+}
+
+bool RecordApp::StartTimer() {
+  if (timer.Create() == 0 && timer.SetPeriod(option.monitor.delay_ms) == 0) return true;
+  LogError("%s: timer failed: %s\n", kProgram, std::strerror(errno));
+  return false;
 }
 
 bool RecordApp::StartCommand(const sigset_t& ignored) {
@@ -219,6 +245,10 @@ int RecordApp::Run() {
   return command_status;
 }
 
+int RecordApp::SignalToDieBy() const {
+  return killed_by == SIGINT || killed_by == SIGQUIT ? killed_by : 0;
+}
+
 std::int64_t RecordApp::ElapsedMs() const {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                start)
@@ -247,6 +277,7 @@ void RecordApp::TakeAndWrite() {
   if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
   last_record_ms = elapsed_ms;
   if (option.listen) Publish(record);
+  record::NotifyWatchdog();
   if (!writing) return;
   std::string text;
   switch (option.format) {
@@ -287,11 +318,14 @@ void RecordApp::OnStopSignal(int fd) {
     runner->Stop();
     return;
   }
-  // The terminal sends its signals to the whole foreground process group,
-  // the command included: passing such a one on would deliver it twice.
-  if (info.ssi_code == SI_KERNEL) return;
-  LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
-  command.Forward(static_cast<int>(info.ssi_signo));
+  // The terminal sends its keys' signals to the whole foreground process
+  // group, and kill with a negative pid to a whole group: a command in it got
+  // the signal already, and passing it on would deliver it twice.
+  if (command.PassOn(static_cast<int>(info.ssi_signo), info.ssi_code)) {
+    LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
+  } else {
+    LogVerbose("signal %u: the command got it too\n", info.ssi_signo);
+  }
 }
 
 bool RecordApp::Emit(const std::string& text) {

@@ -5,6 +5,8 @@
 // SIGTERM ends the run after the record in hand.
 #pragma once
 
+#include <signal.h>
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -33,26 +35,41 @@ class RecordApp {
   // (joining their threads) and the runner.
   ~RecordApp();
 
-  // Opens the output, routes SIGINT and SIGTERM to the loop and the other
-  // fatal signals to the monitor's handler, creates and starts the monitors,
-  // writes the CSV header, starts the command if there is one and the timer.
-  // False after a message; Run then returns the exit status.
+  // Opens the outputs, routes the signals, starts the monitors and takes the
+  // first reading, starts the server, writes the CSV header, starts the
+  // timer and, last, the command if there is one. False after a message; Run
+  // then returns the exit status.
   bool Init();
   // Runs until the last record, SIGINT or SIGTERM, or a failed write; returns
   // the exit status: 0, or 1 after a failed write. With a command: runs until
-  // the command ends, passing SIGINT, SIGTERM, SIGHUP and SIGQUIT on to it,
-  // prints the summary and returns the command's status (128 + N when signal
-  // N killed it); 126 or 127 when it could not be started.
+  // the command ends, passing SIGINT, SIGTERM, SIGHUP and SIGQUIT on to it
+  // unless it got them too, prints the summary and returns the command's
+  // status (128 + N when signal N killed it); 126 or 127 when it could not be
+  // started.
   int Run();
+  // After Run: SIGINT or SIGQUIT when that signal killed the command, which
+  // the recorder then dies by too once it is destroyed, so that a shell stops
+  // its loop as it would for the command alone; otherwise 0.
+  int SignalToDieBy() const;
 
  private:
+  // The steps of Init, in its order.
+  bool OpenOutputs();
+  // Fills ignored_at_start with the signals ignored when the recorder started.
+  bool RouteSignals(sigset_t& ignored_at_start);
+  void PrintSettings() const;
+  record::Record FirstReading();
+  bool StartServer(const record::Record& before);
+  bool WriteHeader(const record::Record& before);
+  bool StartTimer();
+  bool StartCommand(const sigset_t& ignored);
+
   void OnTimer(int fd);
   void OnStopSignal(int fd);
   void OnCommandEnd();
   // Takes a record; writes it when there is an output; adds it to the
   // summary when a command runs.
   void TakeAndWrite();
-  bool StartCommand(const sigset_t& ignored);
   // Hands a record's texts to the HTTP server.
   void Publish(const record::Record& record);
   // Writes text as one record; on failure prints why and ends the loop.

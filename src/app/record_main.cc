@@ -1,9 +1,13 @@
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "app/record_app.h"
+#include "base/fatal_signals.h"
 #include "base/log.h"
 #include "base/process_setup.h"
 
@@ -18,8 +22,24 @@ int main(int argc, char** argv) {
   kestro::zqp::app::RecordOption option = kestro::zqp::app::ParseRecordOptions(argc, argv);
   if (!option.valid) return 1;
   option.stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
-  kestro::zqp::app::RecordApp session(option);
-  // Without Init, Run returns the status of what failed.
-  session.Init();
-  return session.Run();
+  int status = 0;
+  int die_by = 0;
+  {
+    kestro::zqp::app::RecordApp session(option);
+    // Without Init, Run returns the status of what failed.
+    session.Init();
+    status = session.Run();
+    die_by = session.SignalToDieBy();
+  }
+  // The session is gone: monitors joined, the DDR tool reaped, files closed.
+  if (die_by != 0) {
+    std::fflush(nullptr);
+    // The command's quit may dump its core; the recorder's would be noise.
+    if (die_by == SIGQUIT) {
+      const rlimit none{0, 0};
+      setrlimit(RLIMIT_CORE, &none);
+    }
+    kestro::zqp::DieBySignal(die_by);
+  }
+  return status;
 }

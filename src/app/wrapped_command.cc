@@ -1,6 +1,8 @@
 #include "app/wrapped_command.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,11 +12,99 @@
 #include "base/log.h"
 #include "base/process_descriptor.h"
 #include "base/process_setup.h"
+#include "base/program_name.h"
 
 namespace kestro::zqp::app {
+namespace {
+
+// How long the witness may take to answer: a hang bound, far above the
+// microseconds a healthy answer takes.
+constexpr int kWitnessAnswerMs = 2000;
+
+// For a forked child: SIGKILL once the recorder is gone, even when it went
+// between the fork and this call.
+bool DieWithParent(pid_t parent) {
+  return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent;
+}
+
+// The witness's life: every signal stays blocked (as it was at the fork), so
+// whatever is sent to the group stays pending until asked for; each byte read
+// from `ask` takes every pending signal and answers their set as a 64-bit
+// mask. Ends when the recorder closes `ask` or dies.
+[[noreturn]] void RunWitness(int ask, int answer, pid_t parent) {
+  if (!DieWithParent(parent) || dup2(ask, 0) != 0 || dup2(answer, 1) != 1) _exit(1);
+  // Holds none of the recorder's files: a reader waiting for the end of the
+  // output must not wait for the witness.
+  if (close_range(2, ~0U, 0) != 0) {
+    for (int fd = 2; fd < 1024; ++fd) close(fd);
+  }
+  sigset_t all;
+  sigfillset(&all);
+  const timespec now{};
+  char byte = 0;
+  while (read(0, &byte, 1) == 1) {
+    std::uint64_t got = 0;
+    for (int sig; (sig = sigtimedwait(&all, nullptr, &now)) > 0;) {
+      if (sig < 64) got |= std::uint64_t{1} << sig;
+    }
+    if (write(1, &got, sizeof got) != static_cast<ssize_t>(sizeof got)) break;
+  }
+  _exit(0);
+}
+
+}  // namespace
 
 WrappedCommand::~WrappedCommand() {
   if (pidfd >= 0) close(pidfd);
+  EndWitness();
+}
+
+void WrappedCommand::StartWitness(pid_t parent) {
+  int ask[2], answer[2];
+  if (pipe2(ask, O_CLOEXEC) != 0) return;
+  if (pipe2(answer, O_CLOEXEC) != 0) {
+    close(ask[0]);
+    close(ask[1]);
+    return;
+  }
+  const pid_t child = fork();
+  if (child == 0) RunWitness(ask[0], answer[1], parent);
+  close(ask[0]);
+  close(answer[1]);
+  if (child < 0) {
+    close(ask[1]);
+    close(answer[0]);
+    return;
+  }
+  witness = child;
+  witness_ask = ask[1];
+  witness_answer = answer[0];
+}
+
+void WrappedCommand::EndWitness() {
+  if (witness <= 0) return;
+  // Closing the question ends the witness; SIGKILL in case it is stuck.
+  close(witness_ask);
+  close(witness_answer);
+  kill(witness, SIGKILL);
+  while (waitpid(witness, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  witness = -1;
+  witness_ask = witness_answer = -1;
+}
+
+bool WrappedCommand::AskWitness(int sig, bool& got) {
+  if (witness <= 0) return false;
+  const char byte = 0;
+  std::uint64_t mask = 0;
+  pollfd answer{witness_answer, POLLIN, 0};
+  if (write(witness_ask, &byte, 1) != 1 || poll(&answer, 1, kWitnessAnswerMs) != 1 ||
+      read(witness_answer, &mask, sizeof mask) != static_cast<ssize_t>(sizeof mask)) {
+    EndWitness();
+    return false;
+  }
+  got = (mask >> sig & 1) != 0;
+  return true;
 }
 
 int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& ignored) {
@@ -24,7 +114,7 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   // Carries exec's errno back; closed by a successful exec.
   int report[2];
   if (pipe2(report, O_CLOEXEC) != 0) {
-    LogError("kvt_zqp_record: cannot run '%s': %s\n", argv[0].c_str(), std::strerror(errno));
+    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(errno));
     return 126;
   }
   // Every signal stays blocked from the fork until the child has put its
@@ -32,9 +122,16 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   sigset_t all, previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
+  const pid_t parent = getpid();
+  // Before the command, so that no signal sent to the group can reach the
+  // command and not the witness.
+  StartWitness(parent);
   started = std::chrono::steady_clock::now();
   const pid_t child = fork();
   if (child == 0) {
+    // A recorder killed outright (SIGKILL, the memory killer) takes its
+    // command with it; exec keeps this unless it gains privileges.
+    if (!DieWithParent(parent)) _exit(127);
     for (int sig = 1; sig < NSIG; ++sig) {
       struct sigaction action {};
       if (sigismember(&ignored, sig) == 1) {
@@ -66,8 +163,10 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   close(report[1]);
   if (child < 0) {
+    EndWitness();
     close(report[0]);
-    LogError("kvt_zqp_record: cannot run '%s': %s\n", argv[0].c_str(), std::strerror(fork_error));
+    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(),
+             std::strerror(fork_error));
     return 126;
   }
   int error = 0;
@@ -76,38 +175,61 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   }
   close(report[0]);
   if (got == static_cast<ssize_t>(sizeof error)) {
+    EndWitness();
     waitpid(child, nullptr, 0);
-    LogError("kvt_zqp_record: cannot run '%s': %s\n", argv[0].c_str(), std::strerror(error));
+    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(error));
     return error == ENOENT ? 127 : 126;
   }
   pid = child;
   pidfd = OpenProcessDescriptor(child);
   if (pidfd < 0) {
     // Only when the kernel has no process descriptors: wait for it here.
-    LogError("kvt_zqp_record: cannot watch '%s': %s\n", argv[0].c_str(), std::strerror(errno));
+    LogError("%s: cannot watch '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(errno));
   }
   return 0;
 }
 
 bool WrappedCommand::HasEnded() const {
+  const pid_t child = pid.load();
   siginfo_t info{};
-  return pid > 0 &&
-         waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-         info.si_pid == pid;
+  return child > 0 &&
+         waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == child;
 }
 
-void WrappedCommand::Forward(int sig) const {
-  if (pid > 0) kill(pid, sig);
+bool WrappedCommand::PassOn(int sig, int code) {
+  const pid_t child = pid.load();
+  if (child <= 0) return false;
+  // A command that left the recorder's group (setsid, a job-control shell)
+  // gets nothing sent to that group. One still in it got the signal too when
+  // the witness, which nobody signals alone, did; without a witness, when
+  // the terminal sent it, to the whole foreground group.
+  if (getpgid(child) == getpgrp()) {
+    bool group_wide = false;
+    if (!AskWitness(sig, group_wide)) group_wide = code == SI_KERNEL;
+    if (group_wide) return false;
+  }
+  kill(child, sig);
+  return true;
+}
+
+void WrappedCommand::KillNow() const {
+  const pid_t child = pid.load();
+  if (child <= 0) return;
+  if (getpgid(child) == child) kill(-child, SIGKILL);
+  kill(child, SIGKILL);
 }
 
 int WrappedCommand::Reap(int& killed_by) {
   killed_by = 0;
+  // Cleared first: once reaped, the number may belong to another process.
+  const pid_t child = pid.exchange(-1);
+  EndWitness();
   int status = 0;
   pid_t got;
-  while ((got = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
+  while ((got = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
   }
   ended = std::chrono::steady_clock::now();
-  pid = -1;
   if (got < 0) return 1;
   if (WIFSIGNALED(status)) {
     killed_by = WTERMSIG(status);

@@ -1,5 +1,7 @@
 #include "base/fatal_signals.h"
 
+#include <unistd.h>
+
 #include <initializer_list>
 
 namespace kestro::zqp {
@@ -21,6 +23,16 @@ void ResetSignalsForChild() {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void DieBySignal(int sig) {
+  signal(sig, SIG_DFL);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, sig);
+  sigprocmask(SIG_UNBLOCK, &only, nullptr);
+  raise(sig);
+  _exit(128 | sig);
 }
 
 }  // namespace kestro::zqp

@@ -24,4 +24,9 @@ sigset_t AsyncFatalSignals();
 // hang-up sent to it while it starts is not lost.
 void ResetSignalsForChild();
 
+// Ends the process by sig's default action, as if it had arrived with that
+// action in place (a parent sees the signal), or with 128 | sig when that
+// action does not end it. Async-signal-safe.
+[[noreturn]] void DieBySignal(int sig);
+
 }  // namespace kestro::zqp

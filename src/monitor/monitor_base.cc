@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <limits>
 
-#include <sstream>
-
 #include "base/fatal_signals.h"
 #include "base/log.h"
 
@@ -46,11 +44,9 @@ void MonitorBase::Start() {
     // A still-joinable thread here ends the process, as a restart without
     // JoinThreads must.
     threads[i] = std::thread([this, i] { tasks[i](); });
-    std::ostringstream thread_name;
-    thread_name << name << "_loading";
     // Names over 15 characters are refused by the kernel; the thread then
     // simply keeps its inherited name.
-    pthread_setname_np(threads[i].native_handle(), thread_name.str().c_str());
+    pthread_setname_np(threads[i].native_handle(), (name + "_loading").c_str());
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }

@@ -1,13 +1,18 @@
 """kvt_zqp_record as a neighbour on the board: its output never goes through a
-link another user planted, a replaced file keeps its mode, closed standard
-descriptors keep messages out of the output, figures it cannot vouch for are
-missing, and no DDR tool outlives either program after a fatal signal."""
+link another user planted nor empties another user's hard link, a replaced
+file keeps its owner and mode, a service manager hears of every record,
+closed standard descriptors keep messages out of the output, figures it
+cannot vouch for are missing, and no DDR tool outlives either program after
+a fatal signal."""
+import contextlib
 import json
 import os
 import signal
+import socket
 import stat
 import subprocess
 from datetime import datetime, timezone
+from types import SimpleNamespace
 
 import pytest
 
@@ -30,58 +35,145 @@ def as_root():
         pytest.skip("planting a link as another user needs root")
 
 
-@pytest.mark.parametrize("fmt", ["prometheus", "csv"])
-def test_link_planted_by_another_user_is_refused(as_root, record_binary, tmp_path, fmt):
-    sticky = tmp_path / "shared"
-    sticky.mkdir()
-    sticky.chmod(0o1777)
-    target = tmp_path / "shadow"
-    target.write_text("secret\n")
-    target.chmod(0o640)
-    link = sticky / "kzm.prom"
-    link.symlink_to(target)
-    os.lchown(link, NOBODY, NOBODY)
-    r = record_on_host(record_binary, ["--format", fmt, "-o", str(link)])
-    assert r.returncode == 1
-    assert r.stderr == (f"kvt_zqp_record: cannot write {link}: {link} is a link owned by "
-                        f"another user (uid {NOBODY}), not followed\n")
-    assert target.read_text() == "secret\n" and stat.S_IMODE(target.stat().st_mode) == 0o640
-    assert sorted(p.name for p in sticky.iterdir()) == ["kzm.prom"]
+def snapshot(root):
+    """Every name under root with its type, owner, mode, links and content."""
+    found = {}
+    for folder, dirs, files in os.walk(root):
+        for name in dirs + files:
+            path = os.path.join(folder, name)
+            st = os.lstat(path)
+            body = (os.readlink(path) if stat.S_ISLNK(st.st_mode) else
+                    open(path, "rb").read() if stat.S_ISREG(st.st_mode) else None)
+            found[os.path.relpath(path, root)] = (st.st_mode, st.st_uid, st.st_gid, st.st_nlink,
+                                                  body)
+    return found
 
 
-@pytest.mark.parametrize("owner", ["caller", "folder owner"])
-def test_link_of_the_caller_or_folder_owner_is_followed(as_root, record_binary, tmp_path, owner):
-    folder = tmp_path / "out"
-    folder.mkdir()
-    if owner == "folder owner":
-        os.chown(folder, NOBODY, NOBODY)
-    target = tmp_path / "metrics.prom"
-    target.write_text("old\n")
-    target.chmod(0o640)
-    link = folder / "kzm.prom"
-    link.symlink_to(target)
-    if owner == "folder owner":
-        os.lchown(link, NOBODY, NOBODY)
-    r = record_on_host(record_binary, ["--format", "prometheus", "-o", str(link)])
+def link(path, target, owner=0):
+    path.symlink_to(target)
+    os.lchown(path, owner, owner)
+    return path
+
+
+def hard_link(path, target, owner):
+    os.link(target, path)
+    os.chown(path, owner, owner)
+    return path
+
+
+# id, format, what is planted in the scratch tree (t: its paths), giving the
+# output to name, and why the recorder refuses it (None: it writes through
+# root's link, to "secret" or "flash/run.csv").
+PLANTED = [
+    ("link-in-a-sticky-folder", "csv", lambda t: link(t.sticky / "run.csv", t.secret, NOBODY),
+     "{out} is a link owned by another user (uid 65534), not followed"),
+    ("link-in-a-sticky-folder", "prometheus",
+     lambda t: link(t.sticky / "kzm.prom", t.secret, NOBODY),
+     "{out} is a link owned by another user (uid 65534), not followed"),
+    # sudo in another user's home: that user owns the folder and the link.
+    ("link-of-the-folders-owner", "csv", lambda t: link(t.home / "run.csv", t.secret, NOBODY),
+     "{out} is a link owned by another user (uid 65534), not followed"),
+    # The account owning the collector's parent folder swaps the folder.
+    ("swapped-folder", "prometheus",
+     lambda t: link(t.home / "node-exporter", t.flash, NOBODY) / "kzm.prom",
+     "{home}/node-exporter is a link owned by another user (uid 65534), not followed"),
+    ("device-through-a-link", "prometheus", lambda t: link(t.home / "kzm.prom", "/dev/null"),
+     "/dev/null is a device reached through a link, not opened"),
+    ("fifo-through-a-link", "csv", lambda t: link(t.sticky / "run.csv", t.fifo),
+     "{fifo} is a FIFO reached through a link, not opened"),
+    ("another-users-hard-link", "csv",
+     lambda t: hard_link(t.sticky / "run.csv", t.flash / "theirs", NOBODY),
+     "{out} has 2 links and belongs to another user (uid 65534), not emptied"),
+    ("hard-link-in-another-users-folder", "csv",
+     lambda t: hard_link(t.home / "run.csv", t.secret, 0),
+     "{out} has 2 links and its folder to another user (uid 65534), not emptied"),
+    ("roots-link-in-another-users-folder", "prometheus",
+     lambda t: link(t.home / "kzm.prom", t.secret), None),
+    ("roots-link-to-a-folder", "csv", lambda t: link(t.home / "flash", t.flash) / "run.csv", None),
+]
+
+
+@pytest.mark.parametrize("fmt,plant,refusal", [c[1:] for c in PLANTED],
+                         ids=[f"{c[0]}-{c[1]}" for c in PLANTED])
+def test_links_followed_as_root(as_root, record_binary, tmp_path, fmt, plant, refusal):
+    t = SimpleNamespace(home=tmp_path / "home", sticky=tmp_path / "sticky",
+                        flash=tmp_path / "flash", secret=tmp_path / "secret",
+                        fifo=tmp_path / "fifo")
+    for folder, mode, owner in [(t.home, 0o755, NOBODY), (t.sticky, 0o1777, 0),
+                                (t.flash, 0o755, NOBODY)]:
+        folder.mkdir()
+        folder.chmod(mode)
+        os.chown(folder, owner, owner)
+    t.secret.write_text("secret\n")
+    t.secret.chmod(0o640)
+    (t.flash / "theirs").write_text("theirs\n")
+    os.mkfifo(t.fifo)
+    out = plant(t)
+    before = snapshot(tmp_path)
+    r = record_on_host(record_binary, ["--format", fmt, "-o", str(out)])
+    if refusal is not None:
+        reason = refusal.format(out=out, home=t.home, fifo=t.fifo)
+        assert (r.returncode, r.stderr) == (1, f"kvt_zqp_record: cannot write {out}: {reason}\n")
+        assert snapshot(tmp_path) == before
+        return
     assert r.returncode == 0, r.stderr
-    assert link.is_symlink() and "kvt_zqp_elapsed_seconds " in target.read_text()
-    # The target is replaced in its own folder, keeping its mode.
-    assert stat.S_IMODE(target.stat().st_mode) == 0o640
-    assert sorted(p.name for p in tmp_path.iterdir()) == ["metrics.prom", "out"]
+    # Written in the target's own folder, the replaced one keeping its mode;
+    # nothing else changed.
+    after = snapshot(tmp_path)
+    target = "secret" if fmt == "prometheus" else "flash/run.csv"
+    mode, *_, body = after.pop(target)
+    assert body.startswith(b"# kvt_zqp_record " if fmt == "prometheus" else b"time,elapsed_s,")
+    assert stat.S_IMODE(mode) == (0o640 if fmt == "prometheus" else 0o644)
+    before.pop(target, None)
+    assert after == before
 
 
 @pytest.mark.parametrize("existing,umask,want", [
-    (0o640, 0o022, 0o640), (0o604, 0o077, 0o604), (None, 0o022, 0o644), (None, 0o077, 0o644)])
-def test_replaced_file_keeps_its_mode(record_binary, tmp_path, existing, umask, want):
+    ((0o640, 0, NOBODY), 0o022, (0o640, 0, NOBODY)),
+    ((0o604, NOBODY, NOBODY), 0o077, (0o604, NOBODY, NOBODY)),
+    (None, 0o022, (0o644, None, None)), (None, 0o077, (0o644, None, None))])
+def test_replaced_file_keeps_its_owner_and_mode(record_binary, tmp_path, existing, umask, want):
     out = tmp_path / "kzm.prom"
+    root = os.geteuid() == 0
     if existing is not None:
+        if not root:
+            pytest.skip("giving the file to another user needs root")
         out.write_text("old\n")
-        out.chmod(existing)
+        out.chmod(existing[0])
+        os.chown(out, existing[1], existing[2])
+    # What a killed recorder left: only its own temporaries of this name go,
+    # not another user's nor a link.
+    kept = {".kzm.prom.tmp-0123", ".other.prom.tmp-0123456789ab", ".kzm.prom.tmp-fedcba987654"}
+    for name in kept | {".kzm.prom.tmp-0123456789ab"}:
+        (tmp_path / name).write_text("stale\n")
+    (tmp_path / ".kzm.prom.tmp-abcdef012345").symlink_to(tmp_path / ".kzm.prom.tmp-0123")
+    kept.add(".kzm.prom.tmp-abcdef012345")
+    if root:
+        os.chown(tmp_path / ".kzm.prom.tmp-fedcba987654", NOBODY, NOBODY)
+    else:
+        kept.remove(".kzm.prom.tmp-fedcba987654")
     r = record_on_host(record_binary, ["--format", "prometheus", "-n", "3", "-o", str(out)],
                        preexec_fn=lambda: os.umask(umask))
     assert r.returncode == 0, r.stderr
-    assert stat.S_IMODE(out.stat().st_mode) == want
-    assert [p.name for p in tmp_path.iterdir()] == ["kzm.prom"]
+    st = out.stat()
+    assert (stat.S_IMODE(st.st_mode), st.st_uid, st.st_gid) == (
+        want[0], os.geteuid() if want[1] is None else want[1],
+        os.getegid() if want[2] is None else want[2])
+    assert {p.name for p in tmp_path.iterdir()} == kept | {"kzm.prom"}
+
+
+def test_service_watchdog_hears_of_every_record(record_binary, tmp_path):
+    manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    manager.bind(str(tmp_path / "notify"))
+    env = dict(os.environ, NOTIFY_SOCKET=str(tmp_path / "notify"), WATCHDOG_USEC="60000000")
+    r = record_on_host(record_binary, ["-n", "3", "-o", "/dev/null"], env=env)
+    assert r.returncode == 0, r.stderr
+    manager.setblocking(False)
+    heard = []
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            heard.append(manager.recv(64))
+    assert heard == [b"WATCHDOG=1"] * 3
 
 
 def test_closed_stderr_leaves_the_csv_clean(record_binary, tmp_path):

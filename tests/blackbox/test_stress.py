@@ -7,6 +7,7 @@ import signal
 import time
 
 import pyte
+import pytest
 
 from board_truth import EMULATED
 from conftest import CLIENT, HANG_S, drive, dsp_board, growth, hang_bound, wait_frames
@@ -18,12 +19,23 @@ PIDFD = "anon_inode:[pidfd]"
 FATAL = [signal.Signals(n).name for n in range(1, 32) if 0x0700FC4E >> n & 1]
 
 
-def test_dsp_node_shorter_than_its_layout_is_watched(run_monitor, tmp_path):
+@pytest.mark.parametrize("program", ["monitor", "recorder"])
+def test_dsp_node_shorter_than_its_layout_is_watched(run_on_board, binary, record_binary, tmp_path,
+                                                    program):
     """A 100-byte node holds magic, masks and the first pids: it is mapped (reading
-    zeros past its end) and a client busy all the time shows: 100.0 once a sampling
-    window has completed (0.0 before)."""
+    zeros past its end) and a client busy all the time shows. The monitor shows
+    100.0 once a sampling window has completed (0.0 before); the recorder's
+    read-only reader gives 100 in every record once it has followed the client
+    for a whole interval."""
     board = dsp_board(tmp_path, {"size": 100}, [{"cores": [0], "duty": 100}])
-    r = run_monitor(board, ["-b", "-n", "5", "-d", "300"], timeout=30)
+    if program == "recorder":
+        r = run_on_board(board, [record_binary, "--format", "jsonl", "-e", "dsp", "-n", "6",
+                                 "-d", "300"], timeout=30)
+        assert r.returncode == 0 and "mmap" not in r.stderr, r.stderr
+        dsp = [json.loads(line)["loading"][0]["percent"] for line in r.stdout.splitlines()]
+        assert len(dsp) == 6 and dsp[-3:] == [100] * 3, dsp
+        return
+    r = run_on_board(board, [binary, "-b", "-n", "5", "-d", "300"], timeout=30)
     assert r.returncode == 0, r.stderr
     frames = well_formed(r.stdout, r.stderr, 5)
     times = r.frame_times(frames)

@@ -3,16 +3,19 @@ passed back, signals passed on to it, and the summary of its run against what
 the board really did (the command is itself a DSP client that logs its work)."""
 import json
 import math
+import os
 import re
+import signal
+import time
 from datetime import datetime
 from pathlib import Path
 
 import pytest
 
 from board_truth import DspActivity, tolerance, wall_to_monotonic
-from conftest import CLIENT
-from report_layout import CRASH_TEXT
+from conftest import CLIENT, HANG_S, hang_bound
 from recordings import MIB, csv_records
+from report_layout import CRASH_TEXT
 
 BOARD = "workload"
 # Busy 40 % of its 3.5 s life, then exits with 3.
@@ -222,3 +225,112 @@ def test_signal_is_passed_to_the_command(run_on_board, record_binary, tmp_path, 
     assert (s["exit_status"], s["signal"], s["dsp_clients"]) == (status, killed, clients)
     assert s["records"] == len(csv_records(out)) >= 2
     check_table(r.stderr, ["DSP0", "cma_reserved"])
+
+
+# A command that logs each SIGINT, SIGQUIT and SIGTERM it gets, each delivery
+# (the wake-up descriptor receives a byte for every one), and runs until the
+# file "end" exists beside its log.
+COUNTER = r"""
+import os, select, signal, sys, time
+log = sys.argv[1]
+r, w = os.pipe2(os.O_NONBLOCK)
+signal.set_wakeup_fd(w)
+for sig in (signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
+    signal.signal(sig, lambda *_: None)
+def note(*words):
+    with open(log, "a") as f:
+        f.writelines(word + "\n" for word in words)
+note("ready")
+while not os.path.exists(os.path.join(os.path.dirname(log), "end")):
+    if select.select([r], [], [], 0.02)[0]:
+        note(*(signal.Signals(n).name for n in os.read(r, 64)))
+"""
+PROMPT = b"kzm$ "
+# What is typed at an interactive bash ($R: the recorder, $C: COUNTER, $L: its
+# log), what is done once the command is ready, what the command's log then
+# holds, and the status bash reports. The recorder says (-v) whether it passed
+# the signal on: only to a command outside its group.
+RECORD = '$R -v -d 200 -- '
+TOO, ON = "the command got it too", "passed on to the command"
+TERMINAL = [
+    ("ctrl-c", RECORD + 'python3 $C $L', "\x03", ["SIGINT", TOO], 0),
+    ("ctrl-backslash", RECORD + 'python3 $C $L', "\x1c", ["SIGQUIT", TOO], 0),
+    ("setsid-ctrl-c", RECORD + 'setsid python3 $C $L', "\x03", ["SIGINT", ON], 0),
+    ("kill-group", RECORD + 'python3 $C $L', "group", ["SIGTERM", TOO], 0),
+    # Dies by the terminal's SIGINT: the loop stops at the first recording.
+    ("int-stops-loop", 'for i in 1 2; do ' + RECORD + 'sh -c \'echo ready >>$L; exec sleep 600\'; '
+     'done', "\x03", [], 130),
+    # A fatal signal to the recorder alone ends the command too, as does
+    # SIGKILL, through the command's parent-death signal.
+    ("usr1-to-recorder", RECORD + 'python3 $C $L', signal.SIGUSR1, [], 128 + signal.SIGUSR1),
+    ("kill-9-recorder", RECORD + 'python3 $C $L', signal.SIGKILL, [], 128 + signal.SIGKILL),
+]
+
+
+def counter_pid(counter):
+    """The host pid of the process running COUNTER, or None."""
+    for d in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{d}/cmdline", "rb") as f:
+                argv = f.read().split(b"\0")
+        except OSError:
+            continue
+        if argv[1:2] == [os.fsencode(counter)]:
+            return int(d)
+    return None
+
+
+def gone(pid):
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            return f.read().rsplit(")", 1)[1].split()[0] in ("Z", "X")
+    except OSError:
+        return True
+
+
+@pytest.mark.parametrize("typed,action,got,status", [t[1:] for t in TERMINAL],
+                         ids=[t[0] for t in TERMINAL])
+def test_terminal_signals_reach_the_command_once(pty_session, record_binary, tmp_path, typed,
+                                                 action, got, status):
+    counter, log = tmp_path / "counter.py", tmp_path / "log"
+    counter.write_text(COUNTER)
+    s = pty_session(["env", f"PS1={PROMPT.decode()}", f"R={record_binary}", f"C={counter}",
+                     f"L={log}", "bash", "--norc", "--noprofile", "+o", "history", "-i"],
+                    rows=50, cols=200, scenario="bare")
+
+    def lines():
+        return log.read_text().splitlines() if log.exists() else []
+
+    def wait(done, what):
+        end = time.monotonic() + hang_bound(HANG_S)
+        while not done() and time.monotonic() < end and s.child.isalive():
+            s.pump(0.05)
+        assert done(), (what, lines(), s.raw[-600:])
+
+    wait(lambda: s.raw.count(PROMPT) == 1, "prompt")
+    s.send(typed + "\n")
+    wait(lambda: "ready" in lines(), "command ready")
+    if action == "group":
+        pid = counter_pid(counter)
+        os.killpg(os.getpgid(pid), signal.SIGTERM)
+    elif isinstance(action, signal.Signals):
+        pid = counter_pid(counter)
+        with open(f"/proc/{pid}/stat") as f:
+            os.kill(int(f.read().rsplit(")", 1)[1].split()[1]), action)
+        wait(lambda: gone(pid), "command ended with the recorder")
+    else:
+        s.send(action)
+    if got:
+        # The recorder has decided about the signal, and the command logged it.
+        said = f"signal {signal.Signals[got[0]].value}: {got.pop()}\r\n".encode()
+        wait(lambda: said in s.raw and len(lines()) > 1, "signal handled")
+    (tmp_path / "end").touch()
+    wait(lambda: s.raw.count(PROMPT) == 2 or lines().count("ready") > 1, "recording ended")
+    assert lines() == ["ready"] + got, s.raw
+    s.send('echo "rc=$?"\n')
+    wait(lambda: s.raw.count(PROMPT) == 3, "status")
+    assert f"rc={status}\r\n".encode() in s.raw, s.raw
+    if status == 130:
+        assert b"kvt_zqp_record: " in s.raw.split(PROMPT)[1]  # the summary came first
+    s.send("exit\n")
+    assert s.wait_exit(HANG_S) == 0

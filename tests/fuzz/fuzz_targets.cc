@@ -8,6 +8,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -248,10 +250,31 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 #elif defined(KZM_FUZZ_TEXT_FIELDS)
   // The first byte is the delimiter; each field is also read as a number.
   // ASan sees a view that strays out of the input when it is read.
+  // Both must agree with the plain byte-at-a-time split and std::from_chars.
   if (size == 0) return 0;
   const std::string_view rest = std::string_view(text).substr(1);
-  for (const std::string_view field : SplitFields(rest, text[0])) {
-    ParseDigits(field);
+  std::vector<std::string_view> plain;
+  const auto add = [&plain](std::string_view piece) {
+    std::string_view trimmed = piece;
+    while (!trimmed.empty() && std::isspace(static_cast<unsigned char>(trimmed.front())))
+      trimmed.remove_prefix(1);
+    while (!trimmed.empty() && std::isspace(static_cast<unsigned char>(trimmed.back())))
+      trimmed.remove_suffix(1);
+    plain.push_back(trimmed.empty() ? piece : trimmed);
+  };
+  std::size_t start = 0;
+  for (std::size_t at = 0; at < rest.size(); ++at) {
+    if (rest[at] != text[0]) continue;
+    if (at != start) add(rest.substr(start, at - start));
+    start = at + 1;
+  }
+  add(rest.substr(start));
+  if (SplitFields(rest, text[0]) != plain) std::abort();
+  for (const std::string_view field : plain) {
+    std::uint64_t want = 0;
+    const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), want);
+    const bool ok = error == std::errc() && end == field.data() + field.size();
+    if (ParseDigits(field) != (ok ? std::optional(want) : std::nullopt)) std::abort();
   }
 #elif defined(KZM_FUZZ_OPTIONS)
   // Each line of the input is one word of argv.
