@@ -95,6 +95,12 @@ bool ParseListenAddress(std::string_view text, ListenAddress& address, std::stri
       }
     }
   }
+  // No address or host name holds a bracket: "a]:b" is no IPv6 address, and
+  // it could not be shown back in brackets.
+  if (host.find_first_of("[]") != std::string_view::npos) {
+    error = "listen address " + quoted + " is not [ADDR][:PORT]";
+    return false;
+  }
   address.host = std::string(host);
   address.port = kDefaultListenPort;
   if (port.empty()) return true;

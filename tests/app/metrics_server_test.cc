@@ -32,6 +32,8 @@ TEST(ListenAddressTest, ParsesAndRefuses) {
       {"[::1", nullptr, 0, "listen address '[::1' is not [ADDR][:PORT]"},
       {"[]:80", nullptr, 0, "listen address '[]:80' is not [ADDR][:PORT]"},
       {"[::1]80", nullptr, 0, "listen address '[::1]80' is not [ADDR][:PORT]"},
+      {"[[::1]:80", nullptr, 0, "listen address '[[::1]:80' is not [ADDR][:PORT]"},
+      {"::1]:80", nullptr, 0, "listen address '::1]:80' is not [ADDR][:PORT]"},
       {":65536", nullptr, 0, "listen port '65536' is not a number from 0 to 65535"},
       {":99999999999999999999", nullptr, 0,
        "listen port '99999999999999999999' is not a number from 0 to 65535"},
