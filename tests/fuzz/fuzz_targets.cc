@@ -1,4 +1,5 @@
-// libFuzzer targets for the parsers of what other programs write. CMake builds
+// libFuzzer targets for the parsers of what other programs write or send, and
+// of the recorder's listen address. CMake builds
 // this file once per target as fuzz_<name>, defining KZM_FUZZ_<NAME> and
 // KZM_FUZZ_NAME. Trees, files and monitors are set up once; an input only
 // rewrites what the parser reads and runs it.
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "app/metrics_server.h"
 #include "app/option_parser.h"
 #include "base/board_path.h"
 #include "base/log.h"
@@ -148,6 +150,34 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool ok = error == std::errc() && end == field.data() + field.size();
     if (ParseUnsigned(field, value) != ok || (ok && value != want)) std::abort();
   }
+#elif defined(KZM_FUZZ_ACCEPT)
+  // A scraper's Accept header. Whatever follows, a first range of the text
+  // format wins every tie, and a first range of OpenMetrics at q=1 cannot be
+  // outranked; without OpenMetrics named, the text format is served.
+  const bool open_metrics = monitor::PrefersOpenMetrics(text);
+  if (monitor::PrefersOpenMetrics("text/plain," + text) ||
+      !monitor::PrefersOpenMetrics("application/openmetrics-text," + text))
+    std::abort();
+  std::string lower = text;
+  for (char& c : lower)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  if (open_metrics && lower.find("application/openmetrics-text") == std::string::npos) std::abort();
+#elif defined(KZM_FUZZ_LISTEN_ADDRESS)
+  // An argument of --listen, a C string. An address accepted, written back
+  // as the server shows it, parses to itself; one refused says why.
+  const char* const argument = text.c_str();
+  monitor::ListenAddress address, again;
+  std::string error;
+  if (!monitor::ParseListenAddress(argument, address, error)) {
+    if (error.empty()) std::abort();
+    return 0;
+  }
+  const std::string shown =
+      (address.host.find(':') == std::string::npos ? address.host : "[" + address.host + "]") +
+      ":" + std::to_string(address.port);
+  if (!monitor::ParseListenAddress(shown, again, error) || again.host != address.host ||
+      again.port != address.port)
+    std::abort();
 #elif defined(KZM_FUZZ_OPTIONS)
   // Each line of the input is one word of argv.
   std::string words = text;
