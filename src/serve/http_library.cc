@@ -21,6 +21,10 @@ std::optional<HttpLibrary> Open(std::string& error) {
   // The names are read by scripts/package too, for the version it recommends.
   if (!ResolveSymbol(handle, "MHD_start_daemon", library.start_daemon, why) ||
       !ResolveSymbol(handle, "MHD_stop_daemon", library.stop_daemon, why) ||
+      !ResolveSymbol(handle, "MHD_get_daemon_info", library.get_daemon_info, why) ||
+      !ResolveSymbol(handle, "MHD_get_timeout", library.get_timeout, why) ||
+      !ResolveSymbol(handle, "MHD_run", library.run, why) ||
+      !ResolveSymbol(handle, "MHD_get_connection_info", library.get_connection_info, why) ||
       !ResolveSymbol(handle, "MHD_lookup_connection_value", library.lookup_connection_value, why) ||
       !ResolveSymbol(handle, "MHD_create_response_from_buffer_with_free_callback_cls",
                      library.create_response, why) ||

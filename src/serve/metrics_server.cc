@@ -3,9 +3,12 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -93,6 +96,12 @@ bool ParseListenAddress(std::string_view text, ListenAddress& address, std::stri
         return false;
       }
     }
+  }
+  // No address or host name holds a bracket: "a]:b" is no IPv6 address, and
+  // it could not be shown back in brackets.
+  if (host.find_first_of("[]") != std::string_view::npos) {
+    error = "listen address " + quoted + " is not [ADDR][:PORT]";
+    return false;
   }
   address.host = std::string(host);
   address.port = kDefaultListenPort;
@@ -241,6 +250,20 @@ struct MetricsServer::Callbacks {
   }
 
   static void Release(void* owner) { delete static_cast<std::shared_ptr<const void>*>(owner); }
+
+  // A connection's first request is due request_deadline_ after it opens.
+  static void Notify(void* self, MHD_Connection* connection, void**,
+                     MHD_ConnectionNotificationCode code) {
+    auto* server = static_cast<MetricsServer*>(self);
+    if (code != MHD_CONNECTION_NOTIFY_STARTED) {
+      server->pending_.erase(connection);
+      return;
+    }
+    const MHD_ConnectionInfo* info =
+        server->http_->get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    server->pending_[connection] = {info != nullptr ? info->connect_fd : -1,
+                                    Clock::now() + server->request_deadline_};
+  }
 };
 
 bool MetricsServer::Start(const ServerLimits& limits, std::string& error) {
@@ -248,32 +271,86 @@ bool MetricsServer::Start(const ServerLimits& limits, std::string& error) {
     error = "no listening socket";
     return false;
   }
-  // One thread waits on epoll for every connection, so idle or slow clients
-  // cost a descriptor and their memory pool each, never a thread.
+  request_deadline_ = std::chrono::seconds(limits.request_deadline_s);
+  // Without the library's own thread: the deadline of a request whose bytes
+  // keep coming is for this side to enforce, and shutting a socket down is
+  // safe only where the library would close it, on the thread that runs it.
   daemon_ = http_->start_daemon(
-      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, &Callbacks::Access,
-      this, MHD_OPTION_LISTEN_SOCKET, static_cast<MHD_socket>(listen_fd_),
-      MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned int>(limits.connections),
-      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits.idle_timeout_s),
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<std::size_t>(limits.connection_memory),
-      MHD_OPTION_END);
-  if (daemon_ == nullptr) {
+      MHD_USE_EPOLL, 0, nullptr, nullptr, &Callbacks::Access, this, MHD_OPTION_LISTEN_SOCKET,
+      static_cast<MHD_socket>(listen_fd_), MHD_OPTION_CONNECTION_LIMIT,
+      static_cast<unsigned int>(limits.connections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      static_cast<unsigned int>(limits.connections_per_address), MHD_OPTION_CONNECTION_TIMEOUT,
+      static_cast<unsigned int>(limits.idle_timeout_s), MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+      static_cast<std::size_t>(limits.connection_memory), MHD_OPTION_NOTIFY_CONNECTION,
+      &Callbacks::Notify, this, MHD_OPTION_END);
+  const MHD_DaemonInfo* info =
+      daemon_ != nullptr ? http_->get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD) : nullptr;
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+  bool watched = info != nullptr && wake_fd_ >= 0 && epoll_fd_ >= 0;
+  for (const int fd : {info != nullptr ? info->epoll_fd : -1, wake_fd_}) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    watched = watched && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) == 0;
+  }
+  if (!watched) {
+    Stop();
     error = "cannot start the HTTP server";
     return false;
   }
+  // One thread waits on epoll for every connection, so idle or slow clients
+  // cost a descriptor and their memory pool each, never a thread.
+  thread_ = std::thread(&MetricsServer::Serve, this);
   return true;
 }
 
+void MetricsServer::Serve() {
+  for (;;) {
+    // The library's next timeout or the next request deadline, whichever
+    // comes first; a day when there is neither.
+    std::chrono::milliseconds wait = std::chrono::hours(24);
+    MHD_UNSIGNED_LONG_LONG library_ms = 0;
+    if (http_->get_timeout(daemon_, &library_ms) == MHD_YES && library_ms < 86400000u)
+      wait = std::chrono::milliseconds(library_ms);
+    const Clock::time_point now = Clock::now();
+    for (const auto& [connection, pending] : pending_) {
+      if (pending.by != Clock::time_point::max())
+        wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(pending.by - now));
+    }
+    epoll_event events[2];
+    const int ready =
+        epoll_wait(epoll_fd_, events, 2, static_cast<int>(std::max<std::int64_t>(0, wait.count())));
+    for (int i = 0; i < ready; ++i)
+      if (events[i].data.fd == wake_fd_) return;
+    http_->run(daemon_);
+    // A late request's socket is shut down; the library then reads its end
+    // and closes the connection.
+    const Clock::time_point after = Clock::now();
+    for (auto& [connection, pending] : pending_) {
+      if (pending.by > after) continue;  // also one already shut down
+      shutdown(pending.fd, SHUT_RDWR);
+      pending.by = Clock::time_point::max();
+    }
+  }
+}
+
 void MetricsServer::Stop() {
+  if (thread_.joinable()) {
+    const std::uint64_t one = 1;
+    if (write(wake_fd_, &one, sizeof one) != sizeof one) std::abort();
+    thread_.join();
+  }
   if (daemon_ != nullptr) {
     // The daemon closes the listening socket it was given.
     http_->stop_daemon(daemon_);
     daemon_ = nullptr;
     listen_fd_ = -1;
   }
-  if (listen_fd_ >= 0) {
-    close(listen_fd_);
-    listen_fd_ = -1;
+  pending_.clear();
+  for (int* fd : {&listen_fd_, &wake_fd_, &epoll_fd_}) {
+    if (*fd >= 0) close(*fd);
+    *fd = -1;
   }
 }
 
@@ -328,6 +405,9 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
   } else if (response.status == MHD_HTTP_SERVICE_UNAVAILABLE) {
     http_->add_response_header(reply, MHD_HTTP_HEADER_RETRY_AFTER, "1");
   }
+  // The next request on the connection is due from now.
+  if (const auto found = pending_.find(connection); found != pending_.end())
+    found->second.by = Clock::now() + request_deadline_;
   const MHD_Result queued = http_->queue_response(connection, response.status, reply);
   http_->destroy_response(reply);
   return queued == MHD_YES;

@@ -7,11 +7,14 @@
 // a recorder asked to listen loads it, and the monitor never does.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <unordered_map>
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -47,7 +50,11 @@ bool PrefersOpenMetrics(std::string_view accept);
 // or it gets 431 (414 for a long path).
 struct ServerLimits {
   unsigned connections = 512;             // simultaneous, scrapes included
+  unsigned connections_per_address = 32;  // from one client address; more are closed at once
   unsigned idle_timeout_s = 10;           // no byte received or sent for this long: closed
+  // No whole request this long after the connection opened or after its
+  // previous answer: closed, however steadily its bytes trickle in.
+  unsigned request_deadline_s = 10;
   std::size_t connection_memory = 16384;  // per connection, request and response buffers
 };
 
@@ -66,8 +73,8 @@ class MetricsServer {
   // "127.0.0.1:10190", "[::]:10190": where Bind listens, port resolved.
   std::string BoundAddress() const;
   // Starts serving on its own thread, which inherits the caller's signal
-  // mask. Until the first Publish, /metrics answers 503. False with why in
-  // error.
+  // mask and runs the library's epoll loop. Until the first Publish, /metrics answers 503. False
+  // with why in error.
   bool Start(const ServerLimits& limits, std::string& error);
   // The texts of the latest completed record. Any thread.
   void Publish(std::string text, std::string open_metrics);
@@ -79,16 +86,30 @@ class MetricsServer {
     std::string text;
     std::string open_metrics;
   };
+  using Clock = std::chrono::steady_clock;
+  struct Pending {
+    int fd;                // the connection's socket
+    Clock::time_point by;  // when a request must have been received whole
+  };
   // libmicrohttpd's callbacks, in the source file.
   struct Callbacks;
   friend struct Callbacks;
   // Queues the response to one request (body: one came with a GET or HEAD);
   // on the server's thread.
   bool Answer(MHD_Connection* connection, std::string_view url, std::string_view method, bool body);
+  // The server's thread: the library's work as its descriptors and timeouts
+  // ask, then the request deadlines, until wake_fd_ is written.
+  void Serve();
 
   const HttpLibrary* http_ = nullptr;  // set by Bind
   int listen_fd_ = -1;
   MHD_Daemon* daemon_ = nullptr;
+  int wake_fd_ = -1;   // eventfd, written by Stop
+  int epoll_fd_ = -1;  // the library's epoll descriptor and wake_fd_
+  std::thread thread_;
+  Clock::duration request_deadline_{};
+  // Every open connection; only the server's thread uses it while it runs.
+  std::unordered_map<MHD_Connection*, Pending> pending_;
   mutable std::mutex mutex_;
   std::shared_ptr<const Exposition> latest_;  // under mutex_
 };

@@ -1,4 +1,5 @@
-// libFuzzer targets for the parsers of what other programs write. CMake builds
+// libFuzzer targets for the parsers of what other programs write or send, and
+// of the recorder's listen address. CMake builds
 // this file once per target as fuzz_<name>, defining KZM_FUZZ_<NAME> and
 // KZM_FUZZ_NAME. Trees, files and monitors are set up once; an input only
 // rewrites what the parser reads and runs it.
@@ -25,6 +26,7 @@
 #include "monitors/memory_usage.h"
 #include "monitors/text_fields.h"
 #include "monitors/value_readers.h"
+#include "serve/metrics_server.h"
 
 namespace kestro::zqp {
 namespace {
@@ -276,6 +278,34 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool ok = error == std::errc() && end == field.data() + field.size();
     if (ParseDigits(field) != (ok ? std::optional(want) : std::nullopt)) std::abort();
   }
+#elif defined(KZM_FUZZ_ACCEPT)
+  // A scraper's Accept header. Whatever follows, a first range of the text
+  // format wins every tie, and a first range of OpenMetrics at q=1 cannot be
+  // outranked; without OpenMetrics named, the text format is served.
+  const bool open_metrics = serve::PrefersOpenMetrics(text);
+  if (serve::PrefersOpenMetrics("text/plain," + text) ||
+      !serve::PrefersOpenMetrics("application/openmetrics-text," + text))
+    std::abort();
+  std::string lower = text;
+  for (char& c : lower)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  if (open_metrics && lower.find("application/openmetrics-text") == std::string::npos) std::abort();
+#elif defined(KZM_FUZZ_LISTEN_ADDRESS)
+  // An argument of --listen, a C string. An address accepted, written back
+  // as the server shows it, parses to itself; one refused says why.
+  const char* const argument = text.c_str();
+  serve::ListenAddress address, again;
+  std::string error;
+  if (!serve::ParseListenAddress(argument, address, error)) {
+    if (error.empty()) std::abort();
+    return 0;
+  }
+  const std::string shown =
+      (address.host.find(':') == std::string::npos ? address.host : "[" + address.host + "]") +
+      ":" + std::to_string(address.port);
+  if (!serve::ParseListenAddress(shown, again, error) || again.host != address.host ||
+      again.port != address.port)
+    std::abort();
 #elif defined(KZM_FUZZ_OPTIONS)
   // Each line of the input is one word of argv.
   std::string words = text;

@@ -32,6 +32,8 @@ TEST(ListenAddressTest, ParsesAndRefuses) {
       {"[::1", nullptr, 0, "listen address '[::1' is not [ADDR][:PORT]"},
       {"[]:80", nullptr, 0, "listen address '[]:80' is not [ADDR][:PORT]"},
       {"[::1]80", nullptr, 0, "listen address '[::1]80' is not [ADDR][:PORT]"},
+      {"[[::1]:80", nullptr, 0, "listen address '[[::1]:80' is not [ADDR][:PORT]"},
+      {"::1]:80", nullptr, 0, "listen address '::1]:80' is not [ADDR][:PORT]"},
       {":65536", nullptr, 0, "listen port '65536' is not a number from 0 to 65535"},
       {":99999999999999999999", nullptr, 0,
        "listen port '99999999999999999999' is not a number from 0 to 65535"},
@@ -80,23 +82,29 @@ TEST(AcceptTest, OpenMetricsOnlyWhenRankedAboveText) {
 class ServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_TRUE(server.Bind({"127.0.0.1", 0}, error)) << error;
-    const std::string bound = server.BoundAddress();
-    port = std::stoi(bound.substr(bound.rfind(':') + 1));
-    ASSERT_EQ(bound, "127.0.0.1:" + std::to_string(port));
     ServerLimits limits;
     limits.idle_timeout_s = 3;
-    ASSERT_TRUE(server.Start(limits, error)) << error;
+    port = Serve(server, limits);
   }
 
-  int Connect() {
+  // Starts server on a free loopback port, which it returns.
+  static int Serve(MetricsServer& server, const ServerLimits& limits) {
+    std::string error;
+    EXPECT_TRUE(server.Bind({"127.0.0.1", 0}, error)) << error;
+    const std::string bound = server.BoundAddress();
+    const int port = std::stoi(bound.substr(bound.rfind(':') + 1));
+    EXPECT_EQ(bound, "127.0.0.1:" + std::to_string(port));
+    EXPECT_TRUE(server.Start(limits, error)) << error;
+    return port;
+  }
+
+  int Connect(int to = 0) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(to != 0 ? to : port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     timeval timeout{10, 0};  // against a hang only
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     return fd;
@@ -204,7 +212,7 @@ TEST_F(ServerTest, AnswersEachRequest) {
   close(fd);
 }
 
-TEST_F(ServerTest, PortInUseIsRefusedAndIdleConnectionsClose) {
+TEST_F(ServerTest, PortInUseIsRefusedAndIdleLateOrCrowdingClientsClosed) {
   MetricsServer second;
   std::string error;
   EXPECT_FALSE(second.Bind({"127.0.0.1", static_cast<std::uint16_t>(port)}, error));
@@ -219,6 +227,29 @@ TEST_F(ServerTest, PortInUseIsRefusedAndIdleConnectionsClose) {
   char byte;
   EXPECT_EQ(recv(fd, &byte, 1, 0), 0);
   close(fd);
+
+  // Past two connections from one address, a third is closed unanswered.
+  // One that sends its request a byte a second, more often than the idle
+  // timeout, is closed by the request deadline.
+  MetricsServer strict;
+  ServerLimits limits;
+  limits.connections_per_address = 2;
+  limits.idle_timeout_s = 3;
+  limits.request_deadline_s = 2;
+  const int strict_port = Serve(strict, limits);
+  const int fds[3] = {Connect(strict_port), Connect(strict_port), Connect(strict_port)};
+  const std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
+  send(fds[2], request.data(), request.size(), MSG_NOSIGNAL);
+  EXPECT_LE(recv(fds[2], &byte, 1, 0), 0);
+  std::size_t sent = 0;
+  while (sent < 8 && send(fds[0], &request[sent], 1, MSG_NOSIGNAL) == 1 &&
+         recv(fds[0], &byte, 1, MSG_DONTWAIT) < 0) {
+    ++sent;
+    sleep(1);
+  }
+  EXPECT_GE(sent, 2u);
+  EXPECT_LT(sent, 8u);
+  for (const int open : fds) close(open);
 }
 
 }  // namespace
