@@ -324,9 +324,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   opterr = 1, optind = 0;
   const MonitorOption option = app::ParseOptions(argc, argv.data());
   SetLogLevel(1);
-  if (option.valid && (option.delay_ms < 100 || option.delay_ms > 10000 || option.frequency < 10 ||
-                       option.frequency > 1000 || option.iterations == 0 ||
-                       (!option.enable_list.empty() && !ValidateEnableList(option.enable_list))))
+  if (option.valid &&
+      (option.delay_ms < 100 || option.delay_ms > 10000 || option.frequency < 10 ||
+       option.frequency > 1000 || option.iterations == 0 ||
+       (!option.enable_list.empty() && !app::ValidateEnableList(option.enable_list))))
     std::abort();
 #elif defined(KZM_FUZZ_DSP)
   // Input: the lengths of nodes 0 and 1, their bytes (node 2 is never made),
