@@ -1,7 +1,7 @@
 """kvt_zqp_record --listen on the simulated board: a real Prometheus server
-scraping the endpoint (and node_exporter's textfile job beside it), a
-recording backfilled into a real server, and the endpoint under load and
-abuse on loopback."""
+scraping the endpoint (and node_exporter's textfile job beside it) and
+answering the shipped dashboard's queries, a recording backfilled into a
+real server, and the endpoint under load and abuse on loopback."""
 import http.client
 import json
 import re
@@ -20,6 +20,7 @@ import pytest
 
 from conftest import SLOWDOWN, hang_bound
 from recordings import check_exposed, free_port, prom_samples
+from test_dashboard import RULES, check_dashboard, dashboard_answers
 
 # The recorder on the board (argv: binary, port, then its other options) until
 # the test creates "stop" in the board's folder; "kill-ddr" there first kills
@@ -137,7 +138,8 @@ def test_prometheus_scrapes_the_endpoint(run_on_board, record_binary, truth, tmp
                       ["-d", "500", "--processes", "--format", "prometheus", "-o",
                        folder / "kvt_zqp.prom"])
     jobs = {"kvt_zqp": service.port, "node": node_port}
-    server, port = start_prometheus(tmp_path, "global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
+    server, port = start_prometheus(tmp_path, "global: {scrape_interval: 1s, scrape_timeout: 1s, "
+                                    f"evaluation_interval: 1s}}\nrule_files: ['{RULES}']\n"
                                     "scrape_configs:\n" + "".join(
                                         f"  - job_name: {job}\n    static_configs: [{{targets: "
                                         f"['127.0.0.1:{p}']}}]\n" for job, p in jobs.items()))
@@ -150,12 +152,17 @@ def test_prometheus_scrapes_the_endpoint(run_on_board, record_binary, truth, tmp
                     all(query(port, f'count(kvt_zqp_loading_ratio{{job="{job}"}}) == '
                                     f'{len(t["rows"])}') for job in jobs))
 
+        def panels(ddr_live):
+            return {job: wait_until("every panel answered", 60, lambda: dashboard_answers(
+                lambda q, at: query(port, q, time=at), f"127.0.0.1:{p}", ddr_live))
+                for job, p in jobs.items()}
+
         wait_until("both jobs up with every row", 60, all_rows)
-        live = {job: exposed(port, job) for job in jobs}
+        live, live_panels = {job: exposed(port, job) for job in jobs}, panels(1)
         service.signal("kill-ddr")
         wait_until("DDR figures not live in both jobs", 60, lambda: all(
             exposed(port, job).get(("kvt_zqp_ddr_figures_live", ())) == 0 for job in jobs))
-        dead = {job: exposed(port, job) for job in jobs}
+        dead, dead_panels = {job: exposed(port, job) for job in jobs}, panels(0)
         up = {job: v[-1][1] for _, _, job, v in query(port, "up")}
         text = urllib.request.urlopen(f"http://127.0.0.1:{service.port}/metrics",
                                       timeout=30).read().decode()
@@ -170,6 +177,8 @@ def test_prometheus_scrapes_the_endpoint(run_on_board, record_binary, truth, tmp
     for job in jobs:
         check_exposed(live[job], t, r, 0.5)
         check_exposed(dead[job], t, r, 0.5, ddr_live=False)
+        check_dashboard(live_panels[job], t, r, 0.5)
+        check_dashboard(dead_panels[job], t, r, 0.5, ddr_live=False)
     # Both routes carry the same series.
     assert set(live["kvt_zqp"]) == set(live["node"])
     # The scraper asked for OpenMetrics, which the server parsed; promtool
