@@ -50,13 +50,13 @@ def panel_queries(instance):
 
 
 def test_dashboard_imports_and_parses(tmp_path):
-    promtool = shutil.which("promtool")
-    if promtool is None:
-        pytest.skip("needs promtool (Debian package prometheus)")
     queries = panel_queries("127.0.0.1:0")
     recorded = set(re.findall(r"record: (\S+)", RULES.read_text()))
     used = {name for _, q in queries for name in re.findall(r"kvt_zqp:[\w:]+", q)}
     assert used and used <= recorded, used - recorded
+    promtool = shutil.which("promtool")
+    if promtool is None:
+        pytest.skip("needs promtool (Debian package prometheus)")
     # Each query made a recording rule, for promtool to parse.
     rules = tmp_path / "queries.yml"
     rules.write_text(json.dumps({"groups": [{"name": "dashboard", "rules": [
@@ -83,7 +83,7 @@ def check_dashboard(answers, t, r, delay_s, ddr_live=True):
     check_exposed: the loading at the time of the record shown."""
     at, got = answers[0], dict(answers[1])
     age = got.pop("Age of the figures")[()]
-    assert 0 <= age < hang_bound(5)
+    assert 0 <= age < hang_bound(10)
     rows = {dict(labels)["engine"] + dict(labels)["core"]: v * 100
             for labels, v in got.pop("Engine loading per core").items()}
     assert sorted(rows) == sorted(t["rows"])
