@@ -21,25 +21,6 @@
 namespace kestro::zqp::record {
 namespace {
 
-// Every single byte, against the documented rule: control bytes as \u00XX,
-// quote and backslash escaped, ASCII as is, other bytes (never valid UTF-8
-// alone) as the surrogate \udcXX that Python's surrogateescape turns back.
-TEST(EscapingTest, EverySingleByteInJson) {
-  for (int byte = 0; byte < 256; ++byte) {
-    char want[16];
-    if (byte < 0x20 || byte == 0x7f) {
-      std::snprintf(want, sizeof want, "\"\\u%04x\"", byte);
-    } else if (byte == '"' || byte == '\\') {
-      std::snprintf(want, sizeof want, "\"\\%c\"", byte);
-    } else if (byte < 0x80) {
-      std::snprintf(want, sizeof want, "\"%c\"", byte);
-    } else {
-      std::snprintf(want, sizeof want, "\"\\udc%02x\"", byte);
-    }
-    EXPECT_EQ(JsonString(std::string(1, static_cast<char>(byte))), want) << byte;
-  }
-}
-
 TEST(EscapingTest, SequencesInJsonPrometheusAndCsv) {
   struct Case {
     std::string bytes, json, label;
