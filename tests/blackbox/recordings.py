@@ -1,13 +1,9 @@
 """The recorder's outputs read back for the black-box tests: CSV and JSON
-lines as records, an exposition as samples, and its series against the
-scenario's truth."""
+lines as records, an exposition as samples."""
 import csv
 import json
 import re
 import socket
-import time
-
-from board_truth import check_loading, wall_to_monotonic
 
 MIB = 1 << 20
 RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
@@ -63,31 +59,6 @@ def prom_samples(text):
             labels = tuple(sorted(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', m[2] or "")))
             samples[(m[1], labels)] = float(m[3])
     return samples
-
-
-def check_exposed(got, t, r, delay_s, ddr_live=True):
-    """The series of one exposition ({(name, labels): value}, in the report's
-    order unless a server sorted them) against the scenario's truth: loading at
-    the sample's time, DDR, heaps, ION holders."""
-    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
-            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
-    rows.sort(key=lambda row: t["rows"].index(row[0]) if row[0] in t["rows"] else -1)
-    assert [label for label, _ in rows] == t["rows"]
-    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
-    assert check_loading(r.dsp().loading(t["loading"], at, delay_s), t, rows) == []
-    assert got[("kvt_zqp_ddr_figures_live", ())] == int(ddr_live)
-    for direction in ("read", "write"):
-        key = ("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))
-        assert got.get(key) == (t["ddr"][direction] * MIB if ddr_live else None)
-    for name, h in t["heaps"].items():
-        for metric, value in (("size", h["total"]), ("used", h["used"]),
-                              ("free", h["total"] - h["used"])):
-            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
-    pids = r.pids()
-    for name, p in t["processes"].items():
-        key = (("name", name), ("pid", str(pids[name])))
-        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
-    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
 
 
 def free_port():

@@ -14,8 +14,7 @@ import pytest
 
 from board_truth import WINDOW_STRETCH, check_loading, wall_to_monotonic
 from conftest import REPO
-from recordings import (MIB, RFC3339, check_exposed, csv_records, free_port, json_records,
-                        prom_samples)
+from recordings import MIB, RFC3339, csv_records, free_port, json_records, prom_samples
 
 def check_records(records, t, count, delay_s, run):
     """The records against the truth; the DSP figures against what the board's
@@ -70,10 +69,11 @@ def test_records_match_truth(run_on_board, record_binary, truth, tmp_path, fmt):
 
 
 def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, tmp_path):
-    promtool, exporter = shutil.which("promtool"), shutil.which("prometheus-node-exporter")
-    if not promtool or not exporter:
-        pytest.skip("needs promtool and prometheus-node-exporter (Debian packages prometheus, "
-                    "prometheus-node-exporter)")
+    """Scraped all along as it is replaced record after record (its series
+    against the truth, through a server: test_endpoint.py)."""
+    exporter = shutil.which("prometheus-node-exporter")
+    if not exporter:
+        pytest.skip("needs prometheus-node-exporter (Debian package of that name)")
     t = truth("full")
     folder = tmp_path / "textfile"
     folder.mkdir()
@@ -107,11 +107,6 @@ def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, t
         node.wait()
     assert (r.returncode, r.stderr, r.stdout) == (0, "", "")
     assert os.listdir(folder) == ["kvt_zqp.prom"]  # no temporary file left
-    text = (folder / "kvt_zqp.prom").read_text()
-    check = subprocess.run([promtool, "check", "metrics"], input=text, capture_output=True,
-                           text=True)
-    assert (check.returncode, check.stdout, check.stderr) == (0, "", "")
-    check_exposed(prom_samples(text), t, r, 0.25)
     # node_exporter read a whole file at every scrape once the first was there.
     seen = scrapes[next(i for i, s in enumerate(scrapes) if "kvt_zqp_" in s):]
     assert len(seen) >= 10

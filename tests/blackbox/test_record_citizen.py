@@ -210,15 +210,20 @@ def test_figures_of_an_ended_or_quiet_ddr_tool_are_missing(run_on_board, record_
     assert cells[-1] is None
 
 
-def test_resident_size_is_the_kernels_kib(run_on_board, record_binary):
+def test_recorder_writes_nothing_and_records_the_kernels_rss(run_on_board, record_binary):
     # The board's holder processes sit still, so their VmRSS read right after
     # the record is the one the record took.
-    script = ('out=$("$0" --format jsonl -e dsp -n 3 -d 200 | tail -n 1) && echo "$out" && '
+    script = ('out=$("$0" --format jsonl -n 3 -d 200 | tail -n 1) && echo "$out" && '
+              'ls /var/run /dev/shm | tr "\\n" " " && echo && '
               'for p in $(echo "$out" | grep -o \'"pid":[0-9]*\' | cut -d: -f2); do '
               'echo "$p $(grep VmRSS: /proc/$p/status | tr -s " " | cut -d" " -f2)"; done')
     r = run_on_board("full", ["sh", "-c", script, record_binary])
     assert r.returncode == 0, r.stderr
-    record, *status = r.stdout.splitlines()
+    record, listed, *status = r.stdout.splitlines()
+    # No fifo of its own, no driver sampling period, the nodes as the runtime
+    # made them.
+    assert "dsp_event" not in listed.split() and "dsp_loading_flock_0" in listed.split()
+    assert r.writes() == []
     kib = dict(line.split() for line in status)
     # Only the holders sit still; a DSP client's memory moves as it works.
     holders = [p for p in json.loads(record)["processes"] if p["name"] in ("cam_svc", "media_svc")]
@@ -282,16 +287,6 @@ def test_deaf_ddr_tool_ends_with_a_fatal_signal(run_on_board, binary, record_bin
     got = json.loads(r.stdout)
     # Killed by its signal, after the tool it started was started and ended.
     assert got == [[name, sig, True, -sig, 0] for name, sig in cases]
-
-
-def test_recorder_writes_nothing_on_the_board(run_on_board, record_binary):
-    r = run_on_board("full", ["sh", "-c", '"$0" -d 200 -n 3 >/dev/null && ls /var/run /dev/shm',
-                              record_binary])
-    assert r.returncode == 0, r.stderr
-    # No fifo of its own, no driver sampling period, the nodes as the runtime
-    # made them.
-    assert "dsp_event" not in r.stdout.split()
-    assert r.writes() == []
 
 
 def test_recorder_alone_drops_a_client_that_died_with_work_running(run_on_board, record_binary):
