@@ -5,13 +5,11 @@ tool or a blocked read for good, with status 0 and well-formed frames, and
 leaves no tool process behind on the board."""
 import json
 import subprocess
-import time
 
 import pytest
 
 from board_truth import check_loading, wall_to_monotonic
-from conftest import (HANG_S, SCENARIOS, WRAPPER, board_file, check_restored, hang_bound,
-                      wait_frames)
+from conftest import HANG_S, SCENARIOS, board_file, hang_bound
 from report_layout import CRASH_TEXT, format_size, layout_problems, split_report, values
 
 # Runs inside the board: the monitor's status and when it ended, then what is
@@ -68,19 +66,6 @@ def test_ddr_tool_faults(run_on_board, binary, tmp_path, ddr, n, want):
     frames, _, _ = run_checked(run_on_board, binary, board_file(tmp_path, ddr=ddr), n)
     assert frames[-1]["ddr"] == want
     assert [f["ddr"] for f in frames if f["ddr"] not in (ZERO, FIRST, LAST, want)] == []
-
-
-def test_quit_key_with_deaf_ddr_tool(pty_session, binary, tmp_path):
-    """The quit does not wait for good for a tool that ignores the hang-up."""
-    s = pty_session(["bash", "-c", WRAPPER, "bash", str(tmp_path), binary], rows=50, cols=100,
-                    scenario=board_file(tmp_path, ddr={"mode": "deaf"}))
-    wait_frames(s, 2)
-    s.send("q")
-    sent = time.monotonic()
-    while b"rc=" not in s.raw and time.monotonic() - sent < hang_bound(HANG_S):
-        s.pump(0.05)
-    assert b"rc=" in s.raw, s.raw[-300:]
-    check_restored(s, tmp_path, 0)
 
 
 # Loading file faults: board changes, label, loading in the first and in the last frame.
