@@ -1,34 +1,29 @@
 """kvt_zqp_record on the simulated board: its records in each format against the
-scenario's ground truth, the Prometheus file through promtool and a real
-node_exporter, the plot of a run, and every way a run ends."""
-import os
+scenario's ground truth, the plot of a run, and every way a run ends. (The
+Prometheus file, through node_exporter and a server: test_endpoint.py.)"""
 import re
-import shutil
 import subprocess
-import threading
 import time
-import urllib.request
 from datetime import datetime, timezone
 
 import pytest
 
 from board_truth import WINDOW_STRETCH, check_loading, wall_to_monotonic
 from conftest import REPO
-from recordings import MIB, RFC3339, csv_records, free_port, json_records, prom_samples
+from recordings import MIB, RFC3339, csv_records, json_records
 
 def check_records(records, t, count, delay_s, run):
     """The records against the truth; the DSP figures against what the board's
     clients really did, at the time each record was really taken."""
     assert len(records) == count
-    start = None
-    for i, r in enumerate(records):
-        assert RFC3339.match(r["time"]), r["time"]
-        wall = datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
-            tzinfo=timezone.utc).timestamp()
+    assert [r["time"] for r in records if not RFC3339.match(r["time"])] == []
+    walls = [datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
+        tzinfo=timezone.utc).timestamp() for r in records]
+    start = walls[0] - records[0]["elapsed_s"]
+    for i, (r, wall) in enumerate(zip(records, walls)):
         assert abs(wall - time.time()) < 600  # UTC, not local time
         # One record per expiry of the interval timer, never early.
         assert (i + 1) * delay_s - 0.005 <= r["elapsed_s"] < (i + 1) * delay_s + 10
-        start = start if start is not None else wall - r["elapsed_s"]
         assert abs(wall - r["elapsed_s"] - start) < 0.2
         # A sampled core has no figure until its first window has ended; then
         # always one.
@@ -37,8 +32,7 @@ def check_records(records, t, count, delay_s, run):
         assert not missing or r["elapsed_s"] < WINDOW_STRETCH * delay_s, (r["elapsed_s"], missing)
     last = records[-1]
     assert [label for label, _ in last["loading"]] == t["rows"]
-    at = [wall_to_monotonic(datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
-        tzinfo=timezone.utc).timestamp()) for r in records]
+    at = [wall_to_monotonic(wall) for wall in walls]
     loading = run.dsp(at, delay_s).loading(t["loading"], at[-1], delay_s)
     assert check_loading(loading, t, last["loading"]) == []
     assert last["ddr"] == (t["ddr"]["read"] * MIB, t["ddr"]["write"] * MIB)
@@ -66,61 +60,6 @@ def test_records_match_truth(run_on_board, record_binary, truth, tmp_path, fmt):
     for name, p in t["processes"].items():
         assert procs[name]["rss_bytes"] >= p["rss_kb_min"] * 1024
         assert procs[name]["pid"] == r.pids()[name]
-
-
-def test_prometheus_file_for_node_exporter(run_on_board, record_binary, truth, tmp_path):
-    """Scraped all along as it is replaced record after record (its series
-    against the truth, through a server: test_endpoint.py)."""
-    exporter = shutil.which("prometheus-node-exporter")
-    if not exporter:
-        pytest.skip("needs prometheus-node-exporter (Debian package of that name)")
-    t = truth("full")
-    folder = tmp_path / "textfile"
-    folder.mkdir()
-    port = free_port()
-    node = subprocess.Popen([exporter, f"--web.listen-address=127.0.0.1:{port}",
-                             "--collector.disable-defaults", "--collector.textfile",
-                             f"--collector.textfile.directory={folder}"],
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    scrapes, done = [], threading.Event()
-
-    def scrape():
-        while not done.is_set():
-            try:
-                url = f"http://127.0.0.1:{port}/metrics"
-                scrapes.append(urllib.request.urlopen(url, timeout=5).read().decode())
-            except OSError:
-                pass
-            time.sleep(0.02)
-
-    thread = threading.Thread(target=scrape)
-    thread.start()
-    try:
-        r = run_on_board("full", [record_binary, "--format", "prometheus", "-o",
-                                  folder / "kvt_zqp.prom", "-d", "250", "-n", "16",
-                                  "--processes"])
-        time.sleep(0.5)
-    finally:
-        done.set()
-        thread.join()
-        node.terminate()
-        node.wait()
-    assert (r.returncode, r.stderr, r.stdout) == (0, "", "")
-    assert os.listdir(folder) == ["kvt_zqp.prom"]  # no temporary file left
-    # node_exporter read a whole file at every scrape once the first was there.
-    seen = scrapes[next(i for i, s in enumerate(scrapes) if "kvt_zqp_" in s):]
-    assert len(seen) >= 10
-    sampled = len([label for label in t["rows"] if re.fullmatch(r"(YPU|DSP)\d+", label)])
-    for i, s in enumerate(seen):
-        assert "node_textfile_scrape_error 0" in s
-        # The sampled cores' series are absent until their first window ended.
-        series = s.count("\nkvt_zqp_loading_ratio{")
-        elapsed = float(re.search(r"\nkvt_zqp_elapsed_seconds (\S+)", s)[1])
-        assert series == len(t["rows"]) or (series == len(t["rows"]) - sampled and
-                                            elapsed < WINDOW_STRETCH * 0.25), s
-    assert seen[-1].count("\nkvt_zqp_loading_ratio{") == len(t["rows"])
-    assert prom_samples(seen[-1])[("kvt_zqp_heap_used_bytes", (("heap", "custom"),))] == \
-        t["heaps"]["custom"]["used"]
 
 
 # The runs to plot: one, or two overlaid, the second with one engine only.
