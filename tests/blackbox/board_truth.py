@@ -5,6 +5,7 @@ import bisect
 import os
 import re
 import time
+from itertools import accumulate, combinations
 from pathlib import Path
 
 # The binary runs under a user-mode emulator (a cross build): slower, so some
@@ -33,20 +34,16 @@ def check_loading(truth_loading, truth, rows):
 
     A wanted value is a number, a list of acceptable numbers, or a Share; the
     truth's CLIENTS must first be made a Share by DspActivity.loading()."""
-    got = dict(rows)
-    problems = []
+    got, problems = dict(rows), []
     for label, want in truth_loading.items():
+        tol = tolerance(truth, label)
         if label not in got:
             problems.append(f"{label}: missing")
-            continue
-        tol = tolerance(truth, label)
-        if want == CLIENTS:
+        elif want == CLIENTS:
             problems.append(f"{label}: wants the clients' real share (DspActivity.loading)")
-        elif isinstance(want, Share):
-            if not want.accepts(got[label], tol):
-                problems.append(f"{label}: got {got[label]}, want {want} +/- {tol}")
-        elif not any(abs(got[label] - w) <= tol for w in (want if isinstance(want, list) else
-                                                           [want])):
+        elif not (want.accepts(got[label], tol) if isinstance(want, Share) else
+                  any(abs(got[label] - w) <= tol for w in (want if isinstance(want, list) else
+                                                           [want]))):
             problems.append(f"{label}: got {got[label]}, want {want} +/- {tol}")
     return problems
 
@@ -98,9 +95,8 @@ class Intervals:
                 merged.append([a, b])
         self.starts = [a for a, _ in merged]
         self.ends = [b for _, b in merged]
-        self.before = [0.0]  # measure of the intervals before the k-th
-        for a, b in merged[:-1]:
-            self.before.append(self.before[-1] + (b - a))
+        # The measure of the intervals before the k-th.
+        self.before = list(accumulate((b - a for a, b in merged[:-1]), initial=0.0))
 
     def upto(self, x):
         k = bisect.bisect_right(self.starts, x)
@@ -165,9 +161,7 @@ class DspActivity:
                     late.append((int(times[0]) / 1e9, max(0, int(times[0]) - int(times[1])) / 1e9))
         late.sort()
         self._late_at = [t for t, _ in late]
-        self._late_sum = [0.0]
-        for _, d in late:
-            self._late_sum.append(self._late_sum[-1] + d)
+        self._late_sum = list(accumulate((d for _, d in late), initial=0.0))
         inf = float("inf")
         self.ends = sorted(end for _, end, _, _, _ in self.clients if end != inf)
         self.alive = Intervals([(start - START_LEAD_S, end)
@@ -227,16 +221,12 @@ class DspActivity:
         for _ in range(8):
             # The worst mean lateness over a delay's span among the windows
             # that can be the last completed by `at`.
-            worst = 0.0
             first = bisect.bisect_left(times, at - 2 * stretch * delay_s)
             last = bisect.bisect_right(times, at)
-            j = first
-            for i in range(first, last):
-                j = max(j, i)
-                while j < last and times[j] < times[i] + delay_s:
-                    j += 1
-                if j - i >= 5:
-                    worst = max(worst, (sums[j] - sums[i]) / (j - i))
+            spans = ((i, bisect.bisect_left(times, times[i] + delay_s, i, last))
+                     for i in range(first, last))
+            worst = max(((sums[j] - sums[i]) / (j - i) for i, j in spans if j - i >= 5),
+                        default=0.0)
             wider = 1 + (LATENCY_MARGIN * worst + SAMPLE_WORK_S) / SAMPLE_PERIOD_S
             if wider <= stretch:
                 break
@@ -271,16 +261,15 @@ class DspActivity:
                  [(-1, 1, delay_s), (-1, 1, longest), (0, 1, sig), (-1, 2, sig), (1, 0, 0.0)])
         eps = 1e-9
         shares = []
-        for i, (a1, b1, c1) in enumerate(lines):
-            for a2, b2, c2 in lines[i + 1:]:
-                det = a1 * b2 - a2 * b1
-                if det == 0:
-                    continue
-                s = (c1 * b2 - c2 * b1) / det
-                e = (a1 * c2 - a2 * c1) / det
-                if (delay_s - eps <= e - s <= longest + eps and e <= sig + eps and
-                        2 * e - s >= sig - eps and s >= -eps):
-                    shares.append(100.0 * busy.measure(s, e) / (e - s))
+        for (a1, b1, c1), (a2, b2, c2) in combinations(lines, 2):
+            det = a1 * b2 - a2 * b1
+            if det == 0:
+                continue
+            s = (c1 * b2 - c2 * b1) / det
+            e = (a1 * c2 - a2 * c1) / det
+            if (delay_s - eps <= e - s <= longest + eps and e <= sig + eps and
+                    2 * e - s >= sig - eps and s >= -eps):
+                shares.append(100.0 * busy.measure(s, e) / (e - s))
         if not shares:
             return Share(zero=zero)
         return Share(min(shares), max(shares), zero)

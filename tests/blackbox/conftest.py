@@ -6,6 +6,7 @@ Environment:
   KZM_GUEST_LIB       LIB:DIR, the accelerator library built for the binary's
                       architecture when it runs under an emulator (set by CTest)
 """
+import itertools
 import json
 import os
 import shutil
@@ -161,12 +162,17 @@ class _LineReader(threading.Thread):
         return "".join(out), times
 
 
+def board_args(scenario, workdir, cmd):
+    """run-board's arguments to run cmd on the scenario's board in workdir."""
+    return (["--scenario", str(scenario)] + BOARD_ARGS + ["--workdir", str(workdir), "--"] +
+            [str(c) for c in cmd])
+
+
 def _run_board(scenario, cmd, workdir, timeout=60, stall=None):
     """Runs cmd on the board; a hang is a run longer than `timeout` seconds, or
     with `stall`, one that writes nothing for that long (both stretched under
     emulation; None: no such bound)."""
-    args = [str(RUN_BOARD), "--scenario", str(scenario)] + BOARD_ARGS + [
-        "--workdir", str(workdir), "--"] + [str(c) for c in cmd]
+    args = [str(RUN_BOARD)] + board_args(scenario, workdir, cmd)
     # In its own session, so a timeout takes the whole board down with it (the
     # namespace dies with run-board's unshare), not only run-board.
     with subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -202,11 +208,10 @@ def _run_board(scenario, cmd, workdir, timeout=60, stall=None):
 def run_on_board(board_available, tmp_path):
     """run_on_board(scenario, cmd, timeout=60, stall=None) -> BoardRun (stdout, stderr,
     returncode, logs, stdout line times); the bounds are those of _run_board."""
-    count = [0]
+    count = itertools.count(1)
 
     def run(scenario, cmd, timeout=60, stall=None):
-        count[0] += 1
-        return _run_board(scenario, cmd, tmp_path / f"board{count[0]}", timeout, stall)
+        return _run_board(scenario, cmd, tmp_path / f"board{next(count)}", timeout, stall)
 
     return run
 
@@ -228,9 +233,8 @@ class PtySession:
         self.stream = pyte.ByteStream(self.screen)
         self.raw = b""
         self.workdir = Path(workdir)
-        args = ["--scenario", str(scenario)] + BOARD_ARGS + ["--workdir", str(workdir),
-                                                            "--"] + [str(c) for c in cmd]
-        self.child = pexpect.spawn(str(RUN_BOARD), args, dimensions=(rows, cols), timeout=5)
+        self.child = pexpect.spawn(str(RUN_BOARD), board_args(scenario, workdir, cmd),
+                                   dimensions=(rows, cols), timeout=5)
 
     def pump(self, seconds=0.2):
         import pexpect
@@ -241,9 +245,7 @@ class PtySession:
                 return
             try:
                 data = self.child.read_nonblocking(65536, timeout=left)
-            except pexpect.TIMEOUT:
-                return
-            except pexpect.EOF:
+            except (pexpect.TIMEOUT, pexpect.EOF):
                 return
             self.raw += data
             self.stream.feed(data)
@@ -261,9 +263,8 @@ class PtySession:
             return None
         self.pump(0.1)
         self.child.close()
-        if self.child.signalstatus is not None:
-            return 128 + self.child.signalstatus
-        return self.child.exitstatus
+        signalled = self.child.signalstatus
+        return self.child.exitstatus if signalled is None else 128 + signalled
 
     def close(self):
         if self.child.isalive():
@@ -358,8 +359,7 @@ def check_restored(s, tmp_path, rc):
     # The shell's next output comes below the last frame, which is left intact.
     scr = lines(s.screen)
     assert scr[0] == BORDER and scr[1] == TITLE
-    row = next(i for i, line in enumerate(scr) if line.startswith("rc="))
-    return row
+    return next(i for i, line in enumerate(scr) if line.startswith("rc="))
 
 
 @pytest.fixture(scope="session")

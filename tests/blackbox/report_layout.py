@@ -48,10 +48,7 @@ FRAME_GRAMMAR = re.compile(r"^BTRLr*R(DREwxR)?IRJh*RPRKp*B$")
 
 
 def _sizes(groups):
-    out = []
-    for i in range(0, len(groups), 3):
-        out += [int(groups[i]), int(groups[i + 1]), groups[i + 2]]
-    return out
+    return [int(g) if i % 3 < 2 else g for i, g in enumerate(groups)]
 
 
 def classify(line):
@@ -107,15 +104,9 @@ def expected_codes(n_rows, ddr, n_heaps, n_procs):
 
 def format_size(n):
     """The report's human size of n bytes, as "%lu.%u%c" prints it."""
-    unit, prev, v, tenth = 0, 0, n, 0
-    if v >= 1024:
-        while True:
-            prev = v
-            v >>= 10
-            unit += 1
-            if v <= 1023:
-                break
-        tenth = ((prev & 1023) * 10 + 512) >> 10
+    unit, v, tenth = 0, n, 0
+    while v >= 1024:
+        unit, v, tenth = unit + 1, v >> 10, ((v & 1023) * 10 + 512) >> 10
     if tenth > 9:
         tenth, v = 0, v + 1
     return f"{v}.{tenth}{' KMGTPEZY'[unit]}"
