@@ -152,9 +152,20 @@ def test_replaced_file_keeps_its_owner_and_mode(record_binary, tmp_path, existin
         os.chown(tmp_path / ".kzm.prom.tmp-fedcba987654", NOBODY, NOBODY)
     else:
         kept.remove(".kzm.prom.tmp-fedcba987654")
-    r = record_on_host(record_binary, ["--format", "prometheus", "-n", "3", "-o", str(out)],
-                       preexec_fn=lambda: os.umask(umask))
-    assert r.returncode == 0, r.stderr
+    rec = subprocess.Popen([record_binary, "-e", "ypu", "-d", "100", "-n", "12", "--format",
+                            "prometheus", "-o", str(out)], stderr=subprocess.PIPE, text=True,
+                           preexec_fn=lambda: os.umask(umask))
+    # node_exporter may read at any time: it must find the old file or a whole
+    # new one, never one being written.
+    seen = set()
+    while rec.poll() is None:
+        with contextlib.suppress(FileNotFoundError):
+            text = out.read_text()
+            seen.add("old" if text == "old\n" else "whole" if text.startswith(
+                "# kvt_zqp_record sample at ") and text.endswith("\nkvt_zqp_ddr_figures_live 0\n")
+                     else text)
+    assert rec.wait() == 0, rec.stderr.read()
+    assert seen <= {"old", "whole"} and "whole" in seen, seen
     st = out.stat()
     assert (stat.S_IMODE(st.st_mode), st.st_uid, st.st_gid) == (
         want[0], os.geteuid() if want[1] is None else want[1],
