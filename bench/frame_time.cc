@@ -134,10 +134,10 @@ class BoardTree {
       }
     }
     for (const int pid : pids) Write("/proc/" + std::to_string(pid) + "/status", StatusText(pid));
-    SetBoardRootForTesting(root_);
+    base::SetBoardRootForTesting(root_);
   }
   ~BoardTree() {
-    SetBoardRootForTesting("");
+    base::SetBoardRootForTesting("");
     std::filesystem::remove_all(root_);
   }
 
@@ -172,15 +172,15 @@ class StdoutToNull {
 };
 
 // The engines of the full scenario with their core counts: 14 loading rows.
-std::vector<std::shared_ptr<MonitorBase>> Monitors() {
+std::vector<std::shared_ptr<monitor::MonitorBase>> Monitors() {
   static constexpr std::pair<const char*, std::uint32_t> kEngines[] = {
       {"YPU", 2}, {"DSP", 2}, {"GDC", 2},    {"ISP", 1},
       {"JPU", 2}, {"PYM", 2}, {"STITCH", 1}, {"VPU", 2}};
-  std::vector<std::shared_ptr<MonitorBase>> monitors;
+  std::vector<std::shared_ptr<monitor::MonitorBase>> monitors;
   for (const auto& [name, cores] : kEngines) {
-    MonitorConfig config;
+    monitor::MonitorConfig config;
     config.name = name;
-    auto monitor = std::make_shared<MonitorBase>(config, nullptr);
+    auto monitor = std::make_shared<monitor::MonitorBase>(config, nullptr);
     monitor->SetLoadingNum(cores);
     for (std::uint32_t core = 0; core < cores; ++core) monitor->SetLoading(core, 12.5f * core);
     monitors.push_back(monitor);
@@ -205,19 +205,20 @@ void BM_Frame(benchmark::State& state) {
   const int rows = static_cast<int>(state.range(0));
   const std::vector<Heap> heaps = rows == 0 ? SmallHeaps() : LargeHeaps(rows);
   BoardTree tree(heaps);
-  MemoryUsage memory;
-  CollectMemoryUsage(memory);
+  monitors::MemoryUsage memory;
+  monitors::CollectMemoryUsage(memory);
   // Measure nothing but a collector that sees the whole text: the last heap
   // (id 5, index 4) holds the table whose rows are counted.
   std::uint64_t want = 0;
   for (const auto& [pid, size] : heaps.back().allocations) want += size;
-  if (heaps.back().id != kHeapIds[4] || memory.heap_used[4] != want || memory.processes.empty()) {
+  if (heaps.back().id != monitors::kHeapIds[4] || memory.heap_used[4] != want ||
+      memory.processes.empty()) {
     state.SkipWithError("the collector does not see the generated heap text");
     return;
   }
   memory.processes.clear();
   const auto monitors = Monitors();
-  const DdrFigures ddr{.ready = true, .live = true, .read = 1234, .write = 567};
+  const monitors::DdrFigures ddr{.ready = true, .live = true, .read = 1234, .write = 567};
   std::vector<double> wall;
   std::vector<double> cpu;
   {

@@ -14,7 +14,7 @@ std::function<void(int)> g_signal_callback;
 
 void HandleFatalSignal(int sig) {
   if (g_signal_callback) g_signal_callback(sig);
-  DieBySignal(sig);
+  base::DieBySignal(sig);
 }
 
 }  // namespace
@@ -22,7 +22,7 @@ void HandleFatalSignal(int sig) {
 void InstallFatalSignalHandler(std::function<void(int)> callback) {
   g_signal_callback = std::move(callback);
   for (int sig = 1; sig < 32; ++sig) {
-    if (kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
+    if (base::kFatalSignalMask & (1u << sig)) signal(sig, HandleFatalSignal);
   }
 }
 

@@ -3,8 +3,8 @@
 #include "base/process_setup.h"
 
 int main(int argc, char** argv) {
-  kestro::zqp::PrepareProcess();
-  const kestro::zqp::MonitorOption option = kestro::zqp::app::ParseOptions(argc, argv);
+  kestro::zqp::base::PrepareProcess();
+  const kestro::zqp::base::MonitorOption option = kestro::zqp::app::ParseOptions(argc, argv);
   if (!option.valid) return 1;
   kestro::zqp::app::LogSettings(option);
 

@@ -17,8 +17,8 @@ std::uint32_t g_frame_counter = 1;
 
 }  // namespace
 
-MonitorApp::MonitorApp(const MonitorOption& option)
-    : terminal(option.batch), option(option), runner(std::make_shared<WatchTaskRunner>()) {}
+MonitorApp::MonitorApp(const base::MonitorOption& option)
+    : terminal(option.batch), option(option), runner(std::make_shared<runner::WatchTaskRunner>()) {}
 
 MonitorApp::~MonitorApp() {
   StopMonitors();
@@ -58,8 +58,8 @@ void MonitorApp::InitInput() {
 
 bool MonitorApp::InitDisplay() {
   if (timer.Create() != 0) {
-    LogError("timerfd_create failed, zqp monitor is not available, error:%s\n",
-             std::strerror(errno));
+    base::LogError("timerfd_create failed, zqp monitor is not available, error:%s\n",
+                   std::strerror(errno));
     terminal.RestoreTerminal();
     return false;
   }
@@ -76,7 +76,7 @@ void MonitorApp::OnTimer(int fd) {
   // Expiries missed while busy are read as one count and give one frame.
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
-    LogBatchError(option.batch, "Read timer expire time failed\n");
+    base::LogBatchError(option.batch, "Read timer expire time failed\n");
   }
   terminal.Refresh();
   if (option.iterations <= g_frame_counter) runner->Stop();

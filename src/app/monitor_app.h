@@ -21,7 +21,7 @@ class MonitorApp {
  public:
   // Prepares the terminal (raw mode unless batch) and creates the runner;
   // starts nothing.
-  explicit MonitorApp(const MonitorOption& option);
+  explicit MonitorApp(const base::MonitorOption& option);
   MonitorApp(const MonitorApp&) = delete;
   MonitorApp& operator=(const MonitorApp&) = delete;
   // Stops the monitors, restores the terminal, then releases the timer, the
@@ -42,7 +42,7 @@ class MonitorApp {
   int DrawFrame();
 
   // The engine monitors in creation order.
-  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const {
+  const std::vector<std::shared_ptr<monitor::MonitorBase>>& Monitors() const {
     return monitor_set.Monitors();
   }
 
@@ -52,12 +52,12 @@ class MonitorApp {
   void OnTimer(int fd);
 
   display::TerminalDisplay terminal;
-  const MonitorOption option;
-  std::shared_ptr<WatchTaskRunner> runner;
+  const base::MonitorOption option;
+  std::shared_ptr<runner::WatchTaskRunner> runner;
   MonitorSet monitor_set;
   runner::PeriodicTimer timer;
   bool initialised = false;
-  MemoryUsage memory;
+  monitors::MemoryUsage memory;
 };
 
 }  // namespace kestro::zqp::app

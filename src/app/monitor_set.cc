@@ -7,18 +7,18 @@
 
 namespace kestro::zqp::app {
 
-bool MonitorSet::Create(const MonitorOption& option,
-                        const std::shared_ptr<WatchTaskRunner>& runner) {
+bool MonitorSet::Create(const base::MonitorOption& option,
+                        const std::shared_ptr<runner::WatchTaskRunner>& runner) {
   ddr_silence_ms = std::max<std::int64_t>(3000, 3 * static_cast<std::int64_t>(option.delay_ms));
-  MonitorConfig ddr_config;
-  if (!BuildDdrConfig(option, ddr_config)) return false;
-  ddr_monitor = std::make_unique<DDRMonitor>(ddr_config);
+  monitor::MonitorConfig ddr_config;
+  if (!monitor::BuildDdrConfig(option, ddr_config)) return false;
+  ddr_monitor = std::make_unique<monitors::DDRMonitor>(ddr_config);
   ddr_monitor->Start();
 
-  std::vector<MonitorConfig> configs;
-  if (!GenerateMonitorConfigs(option, configs)) return false;
-  for (const MonitorConfig& config : configs) {
-    std::shared_ptr<MonitorBase> monitor = CreateMonitor(config, runner);
+  std::vector<monitor::MonitorConfig> configs;
+  if (!monitor::GenerateMonitorConfigs(option, configs)) return false;
+  for (const monitor::MonitorConfig& config : configs) {
+    std::shared_ptr<monitor::MonitorBase> monitor = monitors::CreateMonitor(config, runner);
     if (!monitor) continue;
     monitors.push_back(monitor);
     monitor->Start();
@@ -37,8 +37,8 @@ void MonitorSet::EndToolNow() {
   if (ddr_monitor) ddr_monitor->EndToolNow();
 }
 
-DdrFigures MonitorSet::Ddr() const {
-  DdrFigures ddr;
+monitors::DdrFigures MonitorSet::Ddr() const {
+  monitors::DdrFigures ddr;
   if (ddr_monitor) {
     ddr.ready = ddr_monitor->IsReady();
     ddr.live = ddr_monitor->IsAnswering(ddr_silence_ms);

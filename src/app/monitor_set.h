@@ -25,7 +25,8 @@ class MonitorSet {
   // engine configurations and creates and starts a monitor for each that comes
   // up. False when the configurations cannot be made (after their message);
   // what was started then runs until Stop.
-  bool Create(const MonitorOption& option, const std::shared_ptr<WatchTaskRunner>& runner);
+  bool Create(const base::MonitorOption& option,
+              const std::shared_ptr<runner::WatchTaskRunner>& runner);
   // Asks every monitor to stop (does not join). Idempotent; safe from the
   // signal handler.
   void Stop();
@@ -36,15 +37,15 @@ class MonitorSet {
   bool Stopped() const { return stopped.load(); }
 
   // The engine monitors in creation order.
-  const std::vector<std::shared_ptr<MonitorBase>>& Monitors() const { return monitors; }
+  const std::vector<std::shared_ptr<monitor::MonitorBase>>& Monitors() const { return monitors; }
   // The DDR figures as the report shows them.
-  DdrFigures Ddr() const;
+  monitors::DdrFigures Ddr() const;
 
  private:
   // Destroyed in reverse: the DDR monitor first, then the engine monitors
   // (each joining its workers).
-  std::vector<std::shared_ptr<MonitorBase>> monitors;
-  std::unique_ptr<DDRMonitor> ddr_monitor;
+  std::vector<std::shared_ptr<monitor::MonitorBase>> monitors;
+  std::unique_ptr<monitors::DDRMonitor> ddr_monitor;
   // The DDR figures count as live while the tool printed one within this
   // many milliseconds: three of the tool's one-second tables, or three
   // intervals when those are longer.

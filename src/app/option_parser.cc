@@ -64,7 +64,7 @@ constexpr char kUsage[] =
     "                                        separated by comma.\n";
 
 [[noreturn]] void PrintUsageAndExit() {
-  std::printf(kUsage, kMonitorProgram);
+  std::printf(kUsage, base::kMonitorProgram);
   std::exit(1);
 }
 
@@ -72,12 +72,12 @@ constexpr char kUsage[] =
 // to 32 bits before any range check (4294967396 reads as 100).
 bool ParseNumber(const char* text, std::int32_t& value) {
   if (text == nullptr) {
-    LogError("value must no empty\n");
+    base::LogError("value must no empty\n");
     return false;
   }
-  const std::optional<std::int64_t> parsed = ParseDecimal<std::int64_t>(text);
+  const std::optional<std::int64_t> parsed = base::ParseDecimal<std::int64_t>(text);
   if (!parsed) {
-    LogError("value %s is invalid number\n", text);
+    base::LogError("value %s is invalid number\n", text);
     return false;
   }
   value = static_cast<std::int32_t>(*parsed);
@@ -91,7 +91,7 @@ bool ParseInRange(const char* text, std::int32_t low, std::int32_t high, const c
   if (!ParseNumber(text, value)) return false;
   if (static_cast<std::uint32_t>(value) - static_cast<std::uint32_t>(low) >
       static_cast<std::uint32_t>(high - low)) {
-    LogError(message, low, high, value);
+    base::LogError(message, low, high, value);
     return false;
   }
   field = static_cast<std::uint32_t>(value);
@@ -102,7 +102,7 @@ bool ParsePositive(const char* text, const char* message, std::uint32_t& field) 
   std::int32_t value = 0;
   if (!ParseNumber(text, value)) return false;
   if (value < 1) {
-    LogError(message, value);
+    base::LogError(message, value);
     return false;
   }
   field = static_cast<std::uint32_t>(value);
@@ -123,14 +123,14 @@ void AppendEnableItems(const char* text, std::vector<std::string>& list) {
 // Runs the -t conversion: frames = duration * 1000 / delay. The monitor
 // computes it in 32-bit arithmetic (the product wraps for durations beyond
 // 49.7 days; kept as is); exact computes it in 64 bits, short of kForever.
-bool ConvertDuration(MonitorOption& option, bool exact) {
+bool ConvertDuration(base::MonitorOption& option, bool exact) {
   const std::uint64_t total_ms =
       exact ? std::uint64_t{option.duration_s} * 1000u : std::uint64_t{option.duration_s * 1000u};
-  option.iterations =
-      static_cast<std::uint32_t>(std::min<std::uint64_t>(total_ms / option.delay_ms, kForever - 1));
+  option.iterations = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(total_ms / option.delay_ms, base::kForever - 1));
   if (option.delay_ms > total_ms) {
-    LogError("duration time %u sec must not less than delay time %u ms\n", option.duration_s,
-             option.delay_ms);
+    base::LogError("duration time %u sec must not less than delay time %u ms\n", option.duration_s,
+                   option.delay_ms);
     return false;
   }
   return true;
@@ -141,20 +141,21 @@ bool ConvertDuration(MonitorOption& option, bool exact) {
 bool ValidateEnableList(const std::vector<std::string>& enable_list) {
   if (enable_list.empty()) return false;
   for (const auto& item : enable_list) {
-    if (g_gen_config_funcs.Find(ToUpper(item)) != nullptr) continue;
+    if (monitor::g_gen_config_funcs.Find(monitor::ToUpper(item)) != nullptr) continue;
     std::string keys = "{";
-    for (const auto& entry : g_gen_config_funcs) keys += entry.first + ",";
+    for (const auto& entry : monitor::g_gen_config_funcs) keys += entry.first + ",";
     keys.back() = '}';
-    LogError("%s is invalid, valid value is %s, case-insensitive\n", item.c_str(), keys.c_str());
+    base::LogError("%s is invalid, valid value is %s, case-insensitive\n", item.c_str(),
+                   keys.c_str());
     return false;
   }
   return true;
 }
 
-bool ApplySharedOption(int code, const char* text, MonitorOption& option) {
+bool ApplySharedOption(int code, const char* text, base::MonitorOption& option) {
   switch (code) {
     case 'v':
-      SetLogLevel(0);
+      base::SetLogLevel(0);
       return true;
     case 'd':
       return ParseInRange(text, 100, 10000, "delay valid range is [%d, %d], but get %d\n",
@@ -169,7 +170,7 @@ bool ApplySharedOption(int code, const char* text, MonitorOption& option) {
       return ParsePositive(text, "time must great than 0, but get %d\n", option.duration_s);
     case 'e':
       if (text == nullptr) {
-        LogError("value must no empty\n");
+        base::LogError("value must no empty\n");
       } else {
         AppendEnableItems(text, option.enable_list);
       }
@@ -179,35 +180,36 @@ bool ApplySharedOption(int code, const char* text, MonitorOption& option) {
   }
 }
 
-bool FinishSharedOptions(MonitorOption& option, bool exact_duration) {
+bool FinishSharedOptions(base::MonitorOption& option, bool exact_duration) {
   const bool count_set = option.iterations != 0;
   const bool time_set = option.duration_s != 0;
   if (count_set && time_set) {
-    LogError("Not support setting both number and time\n");
+    base::LogError("Not support setting both number and time\n");
     ConvertDuration(option, exact_duration);
     return false;
   }
   if (time_set) return ConvertDuration(option, exact_duration);
-  if (!count_set) option.iterations = kForever;
+  if (!count_set) option.iterations = base::kForever;
   return true;
 }
 
-void LogSettings(const MonitorOption& option) {
-  LogVerbose("delay: %u ms\n", option.delay_ms);
-  LogVerbose("frequency: %u sample/sec\n", option.frequency);
-  LogVerbose("batch mode: %s\n", option.batch ? "true" : "false");
-  if (option.iterations != kForever) LogVerbose("iterator nums: %u\n", option.iterations);
-  if (option.duration_s != 0) LogVerbose("duration time: %u sec\n", option.duration_s);
+void LogSettings(const base::MonitorOption& option) {
+  base::LogVerbose("delay: %u ms\n", option.delay_ms);
+  base::LogVerbose("frequency: %u sample/sec\n", option.frequency);
+  base::LogVerbose("batch mode: %s\n", option.batch ? "true" : "false");
+  if (option.iterations != base::kForever)
+    base::LogVerbose("iterator nums: %u\n", option.iterations);
+  if (option.duration_s != 0) base::LogVerbose("duration time: %u sec\n", option.duration_s);
 }
 
-MonitorOption ParseOptions(int argc, char** argv) {
-  MonitorOption option;
+base::MonitorOption ParseOptions(int argc, char** argv) {
+  base::MonitorOption option;
   int code;
   while (option.valid &&
          (code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
     switch (code) {
       case 'V':
-        std::fprintf(stderr, "ZQP Monitor version: %s\n", GetVersion().c_str());
+        std::fprintf(stderr, "ZQP Monitor version: %s\n", base::GetVersion().c_str());
         std::exit(0);
       case 'v':
       case 'd':

@@ -24,7 +24,7 @@
 namespace kestro::zqp::app {
 namespace {
 
-constexpr const char* kProgram = kRecordProgram;
+constexpr const char* kProgram = base::kRecordProgram;
 
 std::int64_t WallMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -36,7 +36,7 @@ std::int64_t WallMs() {
 
 RecordApp::RecordApp(const RecordOption& option_in)
     : option(option_in),
-      runner(std::make_shared<WatchTaskRunner>()),
+      runner(std::make_shared<runner::WatchTaskRunner>()),
       summary(option_in.monitor.delay_ms) {}
 
 RecordApp::~RecordApp() {
@@ -77,17 +77,17 @@ bool RecordApp::OpenOutputs() {
   std::string error;
   if (writing && !output.Open(option.output, option.format == record::Format::kPrometheus,
                               option.stdout_closed, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
+    base::LogError("%s: %s\n", kProgram, error.c_str());
     return false;
   }
   // Bound before anything starts, so that a port in use costs nothing.
   if (option.listen && !server.Bind(option.listen_address, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
+    base::LogError("%s: %s\n", kProgram, error.c_str());
     return false;
   }
   // Opened before the command runs, so that a bad name costs no run.
   if (!option.summary.empty() && !summary_file.Open(option.summary, true, false, error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
+    base::LogError("%s: %s\n", kProgram, error.c_str());
     return false;
   }
   return true;
@@ -106,7 +106,7 @@ bool RecordApp::RouteSignals(sigset_t& ignored_at_start) {
     struct sigaction action {};
     if (sigaction(sig, nullptr, &action) != 0 || action.sa_handler != SIG_IGN) continue;
     sigaddset(&ignored_at_start, sig);
-    if (sig < 32 && (kFatalSignalMask & (1u << sig)) && sig != SIGINT && sig != SIGTERM) {
+    if (sig < 32 && (base::kFatalSignalMask & (1u << sig)) && sig != SIGINT && sig != SIGTERM) {
       sigaddset(&ignored, sig);
     }
   }
@@ -144,7 +144,7 @@ bool RecordApp::RouteSignals(sigset_t& ignored_at_start) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal_fd = signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signal_fd < 0) {
-    LogError("%s: signalfd failed: %s\n", kProgram, std::strerror(errno));
+    base::LogError("%s: signalfd failed: %s\n", kProgram, std::strerror(errno));
     return false;
   }
   runner->AddTask(signal_fd, [this](int fd) { OnStopSignal(fd); });
@@ -154,11 +154,13 @@ bool RecordApp::RouteSignals(sigset_t& ignored_at_start) {
 void RecordApp::PrintSettings() const {
   static constexpr const char* kFormatNames[] = {"csv", "jsonl", "prometheus", "openmetrics"};
   LogSettings(option.monitor);
-  LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
+  base::LogVerbose("format: %s\n", kFormatNames[static_cast<int>(option.format)]);
   if (writing) {
-    LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
+    base::LogVerbose("output: %s\n",
+                     option.output.empty() ? "standard output" : option.output.c_str());
   }
-  if (option.listen) LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
+  if (option.listen)
+    base::LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
 }
 
 record::Record RecordApp::FirstReading() {
@@ -178,7 +180,7 @@ bool RecordApp::StartServer(const record::Record& before) {
   Publish(before);
   std::string error;
   if (server.Start(serve::ServerLimits{}, error)) return true;
-  LogError("%s: %s\n", kProgram, error.c_str());
+  base::LogError("%s: %s\n", kProgram, error.c_str());
   return false;
 }
 
@@ -190,7 +192,7 @@ bool RecordApp::WriteHeader(const record::Record& before) {
 
 bool RecordApp::StartTimer() {
   if (timer.Create() == 0 && timer.SetPeriod(option.monitor.delay_ms) == 0) return true;
-  LogError("%s: timer failed: %s\n", kProgram, std::strerror(errno));
+  base::LogError("%s: timer failed: %s\n", kProgram, std::strerror(errno));
   return false;
 }
 
@@ -200,12 +202,13 @@ bool RecordApp::StartCommand(const sigset_t& ignored) {
   // it is not started, as if it had been killed at once.
   signalfd_siginfo info{};
   if (read(signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-    LogVerbose("signal %u before the command started: not started\n", info.ssi_signo);
+    base::LogVerbose("signal %u before the command started: not started\n", info.ssi_signo);
     command_status = 128 + static_cast<int>(info.ssi_signo);
     return false;
   }
   for (const auto& monitor : monitor_set.Monitors()) {
-    if (auto* reader = dynamic_cast<DspNodeReader*>(monitor.get())) reader->KeepSeenClients();
+    if (auto* reader = dynamic_cast<monitors::DspNodeReader*>(monitor.get()))
+      reader->KeepSeenClients();
   }
   command_status = command.Start(option.command, ignored);
   if (command_status != 0) return false;
@@ -229,7 +232,7 @@ int RecordApp::Run() {
   monitor_set.Stop();
   std::vector<record::DspClient> clients;
   for (const auto& monitor : monitor_set.Monitors()) {
-    if (const auto* reader = dynamic_cast<const DspNodeReader*>(monitor.get())) {
+    if (const auto* reader = dynamic_cast<const monitors::DspNodeReader*>(monitor.get())) {
       for (const auto& client : reader->SeenClients()) clients.push_back({client.pid, client.name});
     }
   }
@@ -240,7 +243,7 @@ int RecordApp::Run() {
   std::fputs(("\n" + table).c_str(), stderr);
   std::string error;
   if (!option.summary.empty() && !summary_file.Write(summary.Json(outcome), error)) {
-    LogError("%s: %s\n", kProgram, error.c_str());
+    base::LogError("%s: %s\n", kProgram, error.c_str());
   }
   return command_status;
 }
@@ -259,7 +262,7 @@ void RecordApp::OnTimer(int fd) {
   // Expiries missed while busy are read as one count and give one record.
   std::uint64_t expirations = 0;
   if (read(fd, &expirations, sizeof expirations) < static_cast<ssize_t>(sizeof expirations)) {
-    LogError("Read timer expire time failed\n");
+    base::LogError("Read timer expire time failed\n");
   }
   if (!option.command.empty() && command.Running() && command.Descriptor() < 0 &&
       command.HasEnded()) {
@@ -314,7 +317,7 @@ void RecordApp::OnStopSignal(int fd) {
   signalfd_siginfo info{};
   if (read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
   if (option.command.empty()) {
-    LogVerbose("signal %u: recording ends\n", info.ssi_signo);
+    base::LogVerbose("signal %u: recording ends\n", info.ssi_signo);
     runner->Stop();
     return;
   }
@@ -322,16 +325,16 @@ void RecordApp::OnStopSignal(int fd) {
   // group, and kill with a negative pid to a whole group: a command in it got
   // the signal already, and passing it on would deliver it twice.
   if (command.PassOn(static_cast<int>(info.ssi_signo), info.ssi_code)) {
-    LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
+    base::LogVerbose("signal %u: passed on to the command\n", info.ssi_signo);
   } else {
-    LogVerbose("signal %u: the command got it too\n", info.ssi_signo);
+    base::LogVerbose("signal %u: the command got it too\n", info.ssi_signo);
   }
 }
 
 bool RecordApp::Emit(const std::string& text) {
   std::string error;
   if (output.Write(text, error)) return true;
-  LogError("%s: %s\n", kProgram, error.c_str());
+  base::LogError("%s: %s\n", kProgram, error.c_str());
   failed = true;
   // A wrapped command goes on; only the recording to the file ends.
   writing = false;

@@ -77,9 +77,9 @@ class RecordApp {
   std::int64_t ElapsedMs() const;
 
   RecordOption option;
-  std::shared_ptr<WatchTaskRunner> runner;
+  std::shared_ptr<runner::WatchTaskRunner> runner;
   MonitorSet monitor_set;
-  MemoryUsage memory;
+  monitors::MemoryUsage memory;
   record::OutputFile output;
   record::CsvLayout layout;
   record::OpenMetricsWriter open_metrics;

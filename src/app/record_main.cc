@@ -12,13 +12,13 @@
 #include "base/process_setup.h"
 
 int main(int argc, char** argv) {
-  const int filled = kestro::zqp::FillClosedStandardDescriptors();
+  const int filled = kestro::zqp::base::FillClosedStandardDescriptors();
   if (filled < 0) {
-    kestro::zqp::LogError("%s: cannot open /dev/null: %s\n", kestro::zqp::kRecordProgram,
-                          std::strerror(errno));
+    kestro::zqp::base::LogError("%s: cannot open /dev/null: %s\n",
+                                kestro::zqp::base::kRecordProgram, std::strerror(errno));
     return 1;
   }
-  kestro::zqp::PrepareProcess();
+  kestro::zqp::base::PrepareProcess();
   kestro::zqp::app::RecordOption option = kestro::zqp::app::ParseRecordOptions(argc, argv);
   if (!option.valid) return 1;
   option.stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
       const rlimit none{0, 0};
       setrlimit(RLIMIT_CORE, &none);
     }
-    kestro::zqp::DieBySignal(die_by);
+    kestro::zqp::base::DieBySignal(die_by);
   }
   return status;
 }

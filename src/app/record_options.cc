@@ -15,7 +15,7 @@
 namespace kestro::zqp::app {
 namespace {
 
-constexpr const char* kProgram = kRecordProgram;
+constexpr const char* kProgram = base::kRecordProgram;
 constexpr int kFormatOption = 256;
 constexpr int kSummaryOption = 257;
 constexpr int kProcessesOption = 258;
@@ -85,8 +85,8 @@ bool ParseFormat(std::string_view text, record::Format& format) {
   } else if (text == "openmetrics") {
     format = record::Format::kOpenMetrics;
   } else {
-    LogError("%s: format '%.*s' is not one of csv, jsonl, prometheus, openmetrics\n", kProgram,
-             static_cast<int>(text.size()), text.data());
+    base::LogError("%s: format '%.*s' is not one of csv, jsonl, prometheus, openmetrics\n",
+                   kProgram, static_cast<int>(text.size()), text.data());
     return false;
   }
   return true;
@@ -97,7 +97,7 @@ bool ParseFormat(std::string_view text, record::Format& format) {
 void DropRepeatedEngines(std::vector<std::string>& enable_list) {
   std::vector<std::string> seen;
   std::erase_if(enable_list, [&seen](const std::string& item) {
-    const std::string name = ToUpper(item);
+    const std::string name = monitor::ToUpper(item);
     if (std::find(seen.begin(), seen.end(), name) != seen.end()) return true;
     seen.push_back(name);
     return false;
@@ -120,14 +120,14 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
          (code = getopt_long(argc, argv, "+hvo:d:f:n:t:e:", kRecordOptions, nullptr)) != -1) {
     switch (code) {
       case 'h':
-        std::printf(kRecordUsage, kProgram, kMonitorProgram);
+        std::printf(kRecordUsage, kProgram, base::kMonitorProgram);
         std::exit(0);
       case 'o':
         // "-" is standard output, as for most tools.
         option.output = std::string_view(optarg) == "-" ? "" : optarg;
         option.output_given = true;
         if (*optarg == '\0') {
-          LogError("%s: the output file name is empty\n", kProgram);
+          base::LogError("%s: the output file name is empty\n", kProgram);
           option.valid = false;
         }
         break;
@@ -137,10 +137,10 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kProcessesOption: {
         option.processes = kDefaultProcesses;
         if (optarg == nullptr) break;
-        const std::optional<unsigned long> n = ParseDecimal(optarg, 0ul, kMaxProcesses);
+        const std::optional<unsigned long> n = base::ParseDecimal(optarg, 0ul, kMaxProcesses);
         if (!n) {
-          LogError("%s: --processes takes a number from 0 to %lu, not '%s'\n", kProgram,
-                   kMaxProcesses, optarg);
+          base::LogError("%s: --processes takes a number from 0 to %lu, not '%s'\n", kProgram,
+                         kMaxProcesses, optarg);
           option.valid = false;
         } else {
           option.processes = *n;
@@ -151,7 +151,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         std::string error;
         option.listen = true;
         if (!serve::ParseListenAddress(optarg, option.listen_address, error)) {
-          LogError("%s: %s\n", kProgram, error.c_str());
+          base::LogError("%s: %s\n", kProgram, error.c_str());
           option.valid = false;
         }
         break;
@@ -159,7 +159,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
       case kSummaryOption:
         option.summary = optarg;
         if (*optarg == '\0') {
-          LogError("%s: the summary file name is empty\n", kProgram);
+          base::LogError("%s: the summary file name is empty\n", kProgram);
           option.valid = false;
         }
         break;
@@ -167,7 +167,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         option.valid = ApplySharedOption(code, optarg, option.monitor);
         // The monitor refuses an empty list without a word; say why here.
         if (!option.valid && option.monitor.enable_list.empty()) {
-          LogError("%s: the engine list is empty\n", kProgram);
+          base::LogError("%s: the engine list is empty\n", kProgram);
         }
         break;
       case 'n':
@@ -181,17 +181,17 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         option.valid = ApplySharedOption(code, optarg, option.monitor);
         break;
       default:  // '?': getopt printed what is wrong
-        LogError("Try '%s --help' for more information.\n", kProgram);
+        base::LogError("Try '%s --help' for more information.\n", kProgram);
         option.valid = false;
     }
   }
   if (option.valid) option.command.assign(argv + optind, argv + argc);
   if (option.valid && !option.command.empty() && count_given) {
-    LogError("%s: -n and -t cannot be combined with a command\n", kProgram);
+    base::LogError("%s: -n and -t cannot be combined with a command\n", kProgram);
     option.valid = false;
   }
   if (option.valid && option.command.empty() && !option.summary.empty()) {
-    LogError("%s: --summary needs a command to summarise\n", kProgram);
+    base::LogError("%s: --summary needs a command to summarise\n", kProgram);
     option.valid = false;
   }
   if (option.valid) option.valid = FinishSharedOptions(option.monitor, true);

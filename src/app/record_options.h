@@ -16,7 +16,7 @@ namespace kestro::zqp::app {
 struct RecordOption {
   // -d, -f, -n, -t, -e and -v as the monitor takes them; batch is set, since
   // there is no screen to keep the monitors' messages off.
-  MonitorOption monitor;
+  base::MonitorOption monitor;
   std::string output;         // -o; empty for standard output
   bool output_given = false;  // -o was given, "-" included
   record::Format format = record::Format::kCsv;

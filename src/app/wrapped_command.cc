@@ -114,7 +114,8 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   // Carries exec's errno back; closed by a successful exec.
   int report[2];
   if (pipe2(report, O_CLOEXEC) != 0) {
-    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(errno));
+    base::LogError("%s: cannot run '%s': %s\n", base::kRecordProgram, argv[0].c_str(),
+                   std::strerror(errno));
     return 126;
   }
   // Every signal stays blocked from the fork until the child has put its
@@ -150,7 +151,7 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
     if (close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
       for (int fd = 3; fd < 65536; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
-    RestoreLimitsForChild();
+    base::RestoreLimitsForChild();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -165,8 +166,8 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   if (child < 0) {
     EndWitness();
     close(report[0]);
-    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(),
-             std::strerror(fork_error));
+    base::LogError("%s: cannot run '%s': %s\n", base::kRecordProgram, argv[0].c_str(),
+                   std::strerror(fork_error));
     return 126;
   }
   int error = 0;
@@ -177,14 +178,16 @@ int WrappedCommand::Start(const std::vector<std::string>& argv, const sigset_t& 
   if (got == static_cast<ssize_t>(sizeof error)) {
     EndWitness();
     waitpid(child, nullptr, 0);
-    LogError("%s: cannot run '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(error));
+    base::LogError("%s: cannot run '%s': %s\n", base::kRecordProgram, argv[0].c_str(),
+                   std::strerror(error));
     return error == ENOENT ? 127 : 126;
   }
   pid = child;
-  pidfd = OpenProcessDescriptor(child);
+  pidfd = base::OpenProcessDescriptor(child);
   if (pidfd < 0) {
     // Only when the kernel has no process descriptors: wait for it here.
-    LogError("%s: cannot watch '%s': %s\n", kRecordProgram, argv[0].c_str(), std::strerror(errno));
+    base::LogError("%s: cannot watch '%s': %s\n", base::kRecordProgram, argv[0].c_str(),
+                   std::strerror(errno));
   }
   return 0;
 }

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 namespace {
 
 std::string& Root() {
@@ -22,4 +22,4 @@ void SetBoardRootForTesting(std::string root) {
   Root() = std::move(root);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 std::string BoardPath(std::string_view absolute_path);
 
@@ -19,4 +19,4 @@ std::string BoardPath(std::string_view absolute_path);
 // real paths.
 void SetBoardRootForTesting(std::string root);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -1,6 +1,6 @@
 #include "base/decimal.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 std::optional<std::uint64_t> ParseDigits(std::string_view text) {
   if (text.empty()) return std::nullopt;
@@ -17,4 +17,4 @@ std::optional<std::uint64_t> ParseDigits(std::string_view text) {
   return value;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

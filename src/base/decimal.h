@@ -9,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // The value of text when the whole of it is decimal digits (one or more) of a
 // value below 2^64; nullopt otherwise (empty, a sign, a blank, any other byte,
@@ -38,4 +38,4 @@ std::optional<T> ParseDecimal(std::string_view text, T low = std::numeric_limits
   return static_cast<T>(value);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

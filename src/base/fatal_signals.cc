@@ -4,7 +4,7 @@
 
 #include <initializer_list>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 sigset_t AsyncFatalSignals() {
   sigset_t set;
@@ -35,4 +35,4 @@ void DieBySignal(int sig) {
   _exit(128 | sig);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGUSR1, SIGSEGV, SIGUSR2, SIGPIPE,
 // SIGALRM, SIGTERM, SIGXCPU, SIGXFSZ and SIGVTALRM, as bits over signal numbers.
@@ -29,4 +29,4 @@ void ResetSignalsForChild();
 // action does not end it. Async-signal-safe.
 [[noreturn]] void DieBySignal(int sig);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

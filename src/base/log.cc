@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 namespace {
 
 // Written once by the option parser on the main thread, read by every thread.
@@ -52,4 +52,4 @@ void LogBatchError(bool batch, const char* format, ...) {
 
 #undef KZM_LOG_IF
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 std::uint8_t GetLogLevel();
 void SetLogLevel(std::uint8_t level);
@@ -23,4 +23,4 @@ void LogError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void LogBatchVerbose(bool batch, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void LogBatchError(bool batch, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

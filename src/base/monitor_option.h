@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // Stored in MonitorOption::iterations: run until stopped.
 inline constexpr std::uint32_t kForever = std::numeric_limits<std::uint32_t>::max();
@@ -25,4 +25,4 @@ struct MonitorOption {
   bool read_only = false;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -3,7 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 namespace {
 
 // pidfd_open has the same number on every architecture of the unified system
@@ -17,4 +17,4 @@ int OpenProcessDescriptor(std::int32_t pid) {
   return static_cast<int>(syscall(kPidfdOpenSyscall, pid, 0));
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

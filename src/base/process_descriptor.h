@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // pidfd_open(pid, 0): a close-on-exec descriptor that turns readable when the
 // process ends; -1 (errno set) when it is gone.
 int OpenProcessDescriptor(std::int32_t pid);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

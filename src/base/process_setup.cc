@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cerrno>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 namespace {
 
 // The soft limit found at start; read by forked children only.
@@ -58,4 +58,4 @@ void RestoreLimitsForChild() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

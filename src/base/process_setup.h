@@ -3,7 +3,7 @@
 // descriptors.
 #pragma once
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // Raises the soft limit on open descriptors to the hard limit, remembering
 // the soft limit found, and resets SIGCHLD to its default action so that the
@@ -22,4 +22,4 @@ int FillClosedStandardDescriptors();
 // Async-signal-safe; does nothing before PrepareProcess.
 void RestoreLimitsForChild();
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -1,9 +1,9 @@
 // The programs' names, as their messages, usage texts and outputs give them.
 #pragma once
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 inline constexpr char kMonitorProgram[] = "kvt_zqp_monitor";
 inline constexpr char kRecordProgram[] = "kvt_zqp_record";
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // Resolves symbol in handle into out, typed as the caller declares it. False,
 // with dlerror's text (or "symbol is null") in why, when the library lacks it;
@@ -23,4 +23,4 @@ bool ResolveSymbol(void* handle, const char* symbol, Function& out, std::string&
   return true;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

@@ -3,9 +3,9 @@
 
 #include <string>
 
-namespace kestro::zqp {
+namespace kestro::zqp::base {
 
 // "2.2.4", built on first use.
 const std::string& GetVersion();
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::base

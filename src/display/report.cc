@@ -21,12 +21,12 @@ HumanSize Scaled(std::uint64_t bytes) {
 
 void DrawHeader(TerminalDisplay& terminal) {
   terminal.PrintLine("%s", kBorder);
-  terminal.PrintLine("| Monitor %s %33s|", GetVersion().c_str(), " ");
+  terminal.PrintLine("| Monitor %s %33s|", base::GetVersion().c_str(), " ");
   terminal.PrintLine("%s", kRule);
 }
 
 void DrawLoadingTable(TerminalDisplay& terminal,
-                      const std::vector<std::shared_ptr<MonitorBase>>& monitors) {
+                      const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors) {
   terminal.Print("|");
   terminal.PrintHighlighted("%14s %19s %13s", "IP", "%LOADING", " ");
   terminal.PrintLine("|");
@@ -45,7 +45,7 @@ void DrawLoadingTable(TerminalDisplay& terminal,
   terminal.PrintLine("%s", kRule);
 }
 
-void DrawDdrTable(TerminalDisplay& terminal, const DdrFigures& ddr) {
+void DrawDdrTable(TerminalDisplay& terminal, const monitors::DdrFigures& ddr) {
   if (!ddr.ready) return;
   terminal.PrintLine("| DDR Bandwidth %33s|", " ");
   terminal.PrintLine("%s", kRule);
@@ -57,21 +57,21 @@ void DrawDdrTable(TerminalDisplay& terminal, const DdrFigures& ddr) {
   terminal.PrintLine("%s", kRule);
 }
 
-void DrawMemoryTables(TerminalDisplay& terminal, MemoryUsage& memory) {
-  CollectMemoryUsage(memory);
+void DrawMemoryTables(TerminalDisplay& terminal, monitors::MemoryUsage& memory) {
+  monitors::CollectMemoryUsage(memory);
   terminal.PrintLine("| ION Info %37s |", "");
   terminal.PrintLine("%s", kRule);
   terminal.Print("|");
   terminal.PrintHighlighted("%23s %8s %8s%7s", "total", "used", "free", " ");
   terminal.PrintLine("|");
-  for (std::size_t heap = 0; heap < kHeapCount; ++heap) {
+  for (std::size_t heap = 0; heap < monitors::kHeapCount; ++heap) {
     if (memory.heap_total[heap] == 0) continue;
     const HumanSize total = Scaled(memory.heap_total[heap]);
     const HumanSize used = Scaled(memory.heap_used[heap]);
     const HumanSize free = Scaled(memory.heap_total[heap] - memory.heap_used[heap]);
-    terminal.PrintLine("|%1s%-14s%5lu.%u%c  %4lu.%u%c  %4lu.%u%c %7s", " ", kHeapNames[heap],
-                       total.value, total.tenth, total.unit, used.value, used.tenth, used.unit,
-                       free.value, free.tenth, free.unit, "|");
+    terminal.PrintLine("|%1s%-14s%5lu.%u%c  %4lu.%u%c  %4lu.%u%c %7s", " ",
+                       monitors::kHeapNames[heap], total.value, total.tenth, total.unit, used.value,
+                       used.tenth, used.unit, free.value, free.tenth, free.unit, "|");
   }
   terminal.PrintLine("%s", kRule);
   terminal.PrintLine("| Process Mem Info %29s |", "");
@@ -89,8 +89,9 @@ void DrawMemoryTables(TerminalDisplay& terminal, MemoryUsage& memory) {
   memory.processes.clear();
 }
 
-int DrawFrame(TerminalDisplay& terminal, const std::vector<std::shared_ptr<MonitorBase>>& monitors,
-              const DdrFigures& ddr, MemoryUsage& memory) {
+int DrawFrame(TerminalDisplay& terminal,
+              const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors,
+              const monitors::DdrFigures& ddr, monitors::MemoryUsage& memory) {
   DrawHeader(terminal);
   DrawLoadingTable(terminal, monitors);
   DrawDdrTable(terminal, ddr);

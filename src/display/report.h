@@ -16,16 +16,17 @@ namespace kestro::zqp::display {
 
 void DrawHeader(TerminalDisplay& terminal);
 void DrawLoadingTable(TerminalDisplay& terminal,
-                      const std::vector<std::shared_ptr<MonitorBase>>& monitors);
-void DrawDdrTable(TerminalDisplay& terminal, const DdrFigures& ddr);
+                      const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors);
+void DrawDdrTable(TerminalDisplay& terminal, const monitors::DdrFigures& ddr);
 // Collects the ION figures first, and empties the process table afterwards, so
 // every frame starts from an empty table.
-void DrawMemoryTables(TerminalDisplay& terminal, MemoryUsage& memory);
+void DrawMemoryTables(TerminalDisplay& terminal, monitors::MemoryUsage& memory);
 
 // Draws the four sections, erases what a longer previous frame left below,
 // moves the cursor back to the frame's top and flushes; returns the flush's
 // result.
-int DrawFrame(TerminalDisplay& terminal, const std::vector<std::shared_ptr<MonitorBase>>& monitors,
-              const DdrFigures& ddr, MemoryUsage& memory);
+int DrawFrame(TerminalDisplay& terminal,
+              const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors,
+              const monitors::DdrFigures& ddr, monitors::MemoryUsage& memory);
 
 }  // namespace kestro::zqp::display

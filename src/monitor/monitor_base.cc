@@ -9,12 +9,12 @@
 #include "base/fatal_signals.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 
 static_assert(std::atomic_ref<float>::is_always_lock_free);
 
 MonitorBase::MonitorBase(const MonitorConfig& config,
-                         const std::shared_ptr<WatchTaskRunner>& runner_in)
+                         const std::shared_ptr<runner::WatchTaskRunner>& runner_in)
     : runner(runner_in),
       name(config.name),
       frequency(config.frequency),
@@ -37,7 +37,7 @@ void MonitorBase::Start() {
   if (threads.empty()) return;
   // Threads inherit the creating thread's mask: keep asynchronous fatal
   // signals on the main thread.
-  const sigset_t blocked = AsyncFatalSignals();
+  const sigset_t blocked = base::AsyncFatalSignals();
   sigset_t previous;
   pthread_sigmask(SIG_BLOCK, &blocked, &previous);
   for (std::size_t i = 0; i < threads.size(); ++i) {
@@ -83,7 +83,7 @@ void MonitorBase::SetLoading(std::uint32_t core, float value) {
     std::atomic_ref<float>(loading[core]).store(value);
     return;
   }
-  LogError("core id %u over the loading num %lu\n", core, loading.size());
+  base::LogError("core id %u over the loading num %lu\n", core, loading.size());
 }
 
 void MonitorBase::SetTasks(std::vector<std::function<void()>> new_tasks) {
@@ -137,4 +137,4 @@ MonitorBase::SampleCounts MonitorBase::CountsSnapshot() const {
   return counts;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

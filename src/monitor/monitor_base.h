@@ -14,13 +14,11 @@
 #include "monitor/monitor_config.h"
 #include "runner/watch_task_runner.h"
 
-namespace kestro::zqp {
-
-using runner::WatchTaskRunner;
+namespace kestro::zqp::monitor {
 
 class MonitorBase {
  public:
-  MonitorBase(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  MonitorBase(const MonitorConfig& config, const std::shared_ptr<runner::WatchTaskRunner>& runner);
   MonitorBase(const MonitorBase&) = delete;
   MonitorBase& operator=(const MonitorBase&) = delete;
   // Joins the worker threads. Does not set the stop flag: the owner must call
@@ -86,7 +84,7 @@ class MonitorBase {
   void CountBusy(std::uint32_t core);
   void CountSample();
 
-  std::shared_ptr<WatchTaskRunner> runner;
+  std::shared_ptr<runner::WatchTaskRunner> runner;
   std::vector<std::function<void()>> tasks;
   std::vector<std::thread> threads;
   // Written by workers and read by the report only through std::atomic_ref,
@@ -111,4 +109,4 @@ class MonitorBase {
   std::atomic<bool> stop{true};
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

@@ -7,13 +7,13 @@
 #include "base/board_path.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 namespace {
 
 constexpr const char* kVpsFlowDir = "/sys/devices/virtual/vps/flow/";
 
 MonitorConfig WithOptions(std::string name, std::vector<std::string> files, bool vps_flow,
-                          const MonitorOption& option) {
+                          const base::MonitorOption& option) {
   MonitorConfig config;
   config.name = std::move(name);
   config.frequency = option.frequency;
@@ -42,19 +42,20 @@ const GenConfigFunc* GenConfigRegistry::Find(std::string_view name) const {
 const GenConfigRegistry g_gen_config_funcs({
     {"YPU", GenerateYpuConfig},
     {"DSP", GenerateDspConfig},
-    {"GDC", [](const MonitorOption& o) { return BuildVpsFlowConfig("GDC", "src", o); }},
-    {"ISP", [](const MonitorOption& o) { return BuildVpsFlowConfig("ISP", "src", o); }},
-    {"JPU", [](const MonitorOption& o) { return BuildDebugDirConfig("JPU", o); }},
-    {"PYM", [](const MonitorOption& o) { return BuildVpsFlowConfig("PYM", "src", o); }},
-    {"STITCH", [](const MonitorOption& o) { return BuildVpsFlowConfig("STITCH", "ich0", o); }},
-    {"VPU", [](const MonitorOption& o) { return BuildDebugDirConfig("VPU", o); }},
+    {"GDC", [](const base::MonitorOption& o) { return BuildVpsFlowConfig("GDC", "src", o); }},
+    {"ISP", [](const base::MonitorOption& o) { return BuildVpsFlowConfig("ISP", "src", o); }},
+    {"JPU", [](const base::MonitorOption& o) { return BuildDebugDirConfig("JPU", o); }},
+    {"PYM", [](const base::MonitorOption& o) { return BuildVpsFlowConfig("PYM", "src", o); }},
+    {"STITCH",
+     [](const base::MonitorOption& o) { return BuildVpsFlowConfig("STITCH", "ich0", o); }},
+    {"VPU", [](const base::MonitorOption& o) { return BuildDebugDirConfig("VPU", o); }},
 });
 
 int ListDir(const char* dir, const std::string& prefix, const std::string& suffix,
             std::vector<std::string>& out) {
-  DIR* handle = opendir(BoardPath(dir).c_str());
+  DIR* handle = opendir(base::BoardPath(dir).c_str());
   if (handle == nullptr) {
-    LogError("Failed to open directory %s\n", dir);
+    base::LogError("Failed to open directory %s\n", dir);
     return -1;
   }
   while (const dirent* entry = readdir(handle)) {
@@ -84,11 +85,11 @@ std::string ToUpper(const std::string& s) {
   return out;
 }
 
-MonitorConfig GenerateYpuConfig(const MonitorOption& option) {
+MonitorConfig GenerateYpuConfig(const base::MonitorOption& option) {
   return WithOptions("YPU", {"/sys/devices/system/ypu/ratio"}, false, option);
 }
 
-MonitorConfig GenerateDspConfig(const MonitorOption& option) {
+MonitorConfig GenerateDspConfig(const base::MonitorOption& option) {
   std::vector<std::string> entries;
   if (ListDir("/dev/", "vdsp", "", entries) != 0) {
     // Kept on purpose: without "/dev/" the generator fails with the logic
@@ -104,7 +105,7 @@ MonitorConfig GenerateDspConfig(const MonitorOption& option) {
   return WithOptions("DSP", std::move(files), false, option);
 }
 
-MonitorConfig BuildDebugDirConfig(const std::string& name, const MonitorOption& option) {
+MonitorConfig BuildDebugDirConfig(const std::string& name, const base::MonitorOption& option) {
   const std::string lower = ToLower(name);
   std::vector<std::string> entries;
   if (ListDir("/dev/", lower, "", entries) != 0 || entries.empty()) return MonitorConfig{};
@@ -117,7 +118,7 @@ MonitorConfig BuildDebugDirConfig(const std::string& name, const MonitorOption& 
 }
 
 MonitorConfig BuildVpsFlowConfig(const std::string& name, const std::string& suffix,
-                                 const MonitorOption& option) {
+                                 const base::MonitorOption& option) {
   const std::string lower = ToLower(name);
   std::vector<std::string> entries;
   if (ListDir(kVpsFlowDir, lower, suffix, entries) != 0) return MonitorConfig{};
@@ -134,13 +135,14 @@ MonitorConfig BuildVpsFlowConfig(const std::string& name, const std::string& suf
   return WithOptions(name, std::move(files), true, option);
 }
 
-bool BuildDdrConfig(const MonitorOption& option, MonitorConfig& config) {
+bool BuildDdrConfig(const base::MonitorOption& option, MonitorConfig& config) {
   config = WithOptions("DDR", {}, false, option);
   config.frequency = 0;
   return true;
 }
 
-bool GenerateMonitorConfigs(const MonitorOption& option, std::vector<MonitorConfig>& configs) {
+bool GenerateMonitorConfigs(const base::MonitorOption& option,
+                            std::vector<MonitorConfig>& configs) {
   if (option.enable_list.empty()) {
     for (const auto& [name, generate] : g_gen_config_funcs) configs.push_back(generate(option));
     return true;
@@ -148,7 +150,7 @@ bool GenerateMonitorConfigs(const MonitorOption& option, std::vector<MonitorConf
   for (const auto& item : option.enable_list) {
     const GenConfigFunc* generate = g_gen_config_funcs.Find(ToUpper(item));
     if (generate == nullptr) {
-      LogVerbose("%s not support\n", item.c_str());
+      base::LogVerbose("%s not support\n", item.c_str());
       return false;
     }
     configs.push_back((*generate)(option));
@@ -156,4 +158,4 @@ bool GenerateMonitorConfigs(const MonitorOption& option, std::vector<MonitorConf
   return true;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

@@ -10,7 +10,7 @@
 
 #include "base/monitor_option.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 
 // What one monitor needs. A default-constructed value (empty name) is what a
 // generator returns when the engine is not present; the registry drops it.
@@ -30,7 +30,7 @@ struct MonitorConfig {
   bool read_only = false;
 };
 
-using GenConfigFunc = std::function<MonitorConfig(const MonitorOption&)>;
+using GenConfigFunc = std::function<MonitorConfig(const base::MonitorOption&)>;
 
 // Engine name to configuration generator, iterated in its fixed order
 // YPU, DSP, GDC, ISP, JPU, PYM, STITCH, VPU. Immutable after static
@@ -66,22 +66,22 @@ std::string ToLower(const std::string& s);
 // Copy with ASCII 'a'..'z' raised; every other byte kept.
 std::string ToUpper(const std::string& s);
 
-MonitorConfig GenerateYpuConfig(const MonitorOption& option);
+MonitorConfig GenerateYpuConfig(const base::MonitorOption& option);
 // Throws std::logic_error when "/dev/" cannot be listed; nothing catches it.
-MonitorConfig GenerateDspConfig(const MonitorOption& option);
+MonitorConfig GenerateDspConfig(const base::MonitorOption& option);
 // JPU, VPU: empty configuration when no /dev entry matches.
-MonitorConfig BuildDebugDirConfig(const std::string& name, const MonitorOption& option);
+MonitorConfig BuildDebugDirConfig(const std::string& name, const base::MonitorOption& option);
 // GDC, STITCH, PYM, ISP: empty configuration only when the flow folder cannot
 // be listed; no match keeps the name with no files.
 MonitorConfig BuildVpsFlowConfig(const std::string& name, const std::string& suffix,
-                                 const MonitorOption& option);
+                                 const base::MonitorOption& option);
 
 // Overwrites config with the DDR monitor's configuration. Always true.
-bool BuildDdrConfig(const MonitorOption& option, MonitorConfig& config);
+bool BuildDdrConfig(const base::MonitorOption& option, MonitorConfig& config);
 
 // Appends one configuration per enabled engine (all engines, in table order,
 // when the enable list is empty). False after "%s not support" (verbose) for an
 // unknown name, keeping what was appended.
-bool GenerateMonitorConfigs(const MonitorOption& option, std::vector<MonitorConfig>& configs);
+bool GenerateMonitorConfigs(const base::MonitorOption& option, std::vector<MonitorConfig>& configs);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

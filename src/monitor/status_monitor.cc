@@ -1,9 +1,9 @@
 #include "monitor/status_monitor.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 
 StatusMonitor::StatusMonitor(const MonitorConfig& config,
-                             const std::shared_ptr<WatchTaskRunner>& runner)
+                             const std::shared_ptr<runner::WatchTaskRunner>& runner)
     : MonitorBase(config, runner),
       sample_period(config.frequency != 0 ? 1000 / config.frequency : 0),
       samples_per_interval(sample_period != 0 ? config.delay / sample_period : 0) {}
@@ -43,4 +43,4 @@ void StatusMonitor::Run() {
   }
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

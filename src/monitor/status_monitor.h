@@ -8,11 +8,12 @@
 
 #include "monitor/monitor_base.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 
 class StatusMonitor : public MonitorBase {
  public:
-  StatusMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  StatusMonitor(const MonitorConfig& config,
+                const std::shared_ptr<runner::WatchTaskRunner>& runner);
 
   // 1000 / frequency ms (0 when the frequency is 0 or above 1000).
   std::uint32_t GetSamplePeriod() override { return sample_period; }
@@ -39,4 +40,4 @@ class StatusMonitor : public MonitorBase {
   std::vector<float> loading_values;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

@@ -25,7 +25,7 @@
 #include "base/process_setup.h"
 #include "monitors/text_fields.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
@@ -56,17 +56,17 @@ std::string ReadFirstLine(std::FILE* file, std::size_t max_chars) {
 }  // namespace
 
 bool ChooseFirstYpuPort(bool batch) {
-  const std::string soc_path = BoardPath("/sys/class/boardinfo/soc_name");
+  const std::string soc_path = base::BoardPath("/sys/class/boardinfo/soc_name");
   if (std::FILE* soc = std::fopen(soc_path.c_str(), "re")) {
     const std::string prefix = ReadFirstLine(soc, 3);
     std::fclose(soc);
     return prefix == "K4X" || prefix == "k4x";
   }
-  LogBatchError(batch, "Get board info failed, error:%s\n\n", std::strerror(errno));
-  const std::string core_path = BoardPath("/sys/devices/system/ypu/core_num");
+  base::LogBatchError(batch, "Get board info failed, error:%s\n\n", std::strerror(errno));
+  const std::string core_path = base::BoardPath("/sys/devices/system/ypu/core_num");
   std::FILE* cores = std::fopen(core_path.c_str(), "re");
   if (cores == nullptr) {
-    LogBatchError(batch, "Get ypu core num failed, error:%s\n\n", std::strerror(errno));
+    base::LogBatchError(batch, "Get ypu core num failed, error:%s\n\n", std::strerror(errno));
     return false;
   }
   // Two characters are enough to tell "4" from every other first line.
@@ -89,9 +89,9 @@ bool DDRMonitor::UseFirstYpuPort(bool batch) {
   return use_first_port;
 }
 
-DDRMonitor::DDRMonitor(const MonitorConfig& config,
-                       const std::shared_ptr<WatchTaskRunner>& runner_in)
-    : MonitorBase(config, runner_in),
+DDRMonitor::DDRMonitor(const monitor::MonitorConfig& config,
+                       const std::shared_ptr<runner::WatchTaskRunner>& runner_in)
+    : monitor::MonitorBase(config, runner_in),
       read_bw(2, 0),
       write_bw(2, 0),
       command(BuildDdrCommand(UseFirstYpuPort(config.batch))) {
@@ -108,7 +108,7 @@ DDRMonitor::~DDRMonitor() {
 
 void DDRMonitor::Stop() {
   if (stop.load()) return;
-  MonitorBase::Stop();
+  monitor::MonitorBase::Stop();
   ClosePty();
 }
 
@@ -147,9 +147,9 @@ DdrLineResult DDRMonitor::ParseLine(const char* line) {
   } else {
     return DdrLineResult::kIgnored;
   }
-  const std::optional<std::uint64_t> value = ParseDigits(fields.back());
+  const std::optional<std::uint64_t> value = base::ParseDigits(fields.back());
   if (!value) {
-    LogBatchVerbose(batch, "Invalid data format, get: %s\n", line);
+    base::LogBatchVerbose(batch, "Invalid data format, get: %s\n", line);
     return DdrLineResult::kInvalid;
   }
   std::atomic_ref<std::uint64_t>((*target)[0]).store(*value, std::memory_order_relaxed);
@@ -192,27 +192,28 @@ void DDRMonitor::Run() {
   int master = -1;
   int slave = -1;
   if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
-    LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
+    base::LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
     ready.store(false);
     return;
   }
   const pid_t pid = fork();
   if (pid < 0) {
-    LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
+    base::LogBatchError(batch, "Create pty failed, error:%s\n\n", std::strerror(errno));
     close(master);
     close(slave);
     ready.store(false);
     return;
   }
   if (pid == 0) {
-    ResetSignalsForChild();
-    RestoreLimitsForChild();
+    base::ResetSignalsForChild();
+    base::RestoreLimitsForChild();
     close(master);
     if (login_tty(slave) != 0) _exit(1);
     // The slave is now the standard streams, so the message below reaches the
     // parent through the pseudo-terminal, as the tool's own messages do.
     execlp("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    LogBatchError(batch, "Run cmd:%s failed, error:%s\n", command.c_str(), std::strerror(errno));
+    base::LogBatchError(batch, "Run cmd:%s failed, error:%s\n", command.c_str(),
+                        std::strerror(errno));
     _exit(1);
   }
   close(slave);
@@ -251,13 +252,14 @@ void DDRMonitor::Run() {
 
   int status = 0;
   if (ReapTool(pid, status) < 0) {
-    LogBatchError(batch, "Wait subprocess exit failed, error:%s\n", std::strerror(errno));
+    base::LogBatchError(batch, "Wait subprocess exit failed, error:%s\n", std::strerror(errno));
     return;
   }
   if (!WIFSIGNALED(status) && status != 0) {
     ready.store(false);
-    LogBatchVerbose(batch, "Run command:%s failed, exit status:%d, please check the previous log\n",
-                    command.c_str(), WEXITSTATUS(status));
+    base::LogBatchVerbose(batch,
+                          "Run command:%s failed, exit status:%d, please check the previous log\n",
+                          command.c_str(), WEXITSTATUS(status));
   }
 }
 
@@ -317,4 +319,4 @@ pid_t DDRMonitor::ReapTool(pid_t pid, int& status) {
   return waited;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

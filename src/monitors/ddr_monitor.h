@@ -14,7 +14,7 @@
 
 #include "monitor/monitor_base.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // The DDR figures as a frame or a record takes them: the report draws no DDR
 // box while not ready.
@@ -62,12 +62,12 @@ enum class DdrLineResult {
 // WriteBandwidth and IsReady may be called from any thread at any time. Stop
 // may run on any thread, concurrently with the worker. ParseLine is for the
 // worker (and for tests on a monitor that is not running).
-class DDRMonitor : public MonitorBase {
+class DDRMonitor : public monitor::MonitorBase {
  public:
   // Builds the command from UseFirstYpuPort(config.batch), installs the worker
   // as the only task and sets ready. Never fails.
-  explicit DDRMonitor(const MonitorConfig& config,
-                      const std::shared_ptr<WatchTaskRunner>& runner = nullptr);
+  explicit DDRMonitor(const monitor::MonitorConfig& config,
+                      const std::shared_ptr<runner::WatchTaskRunner>& runner = nullptr);
   // Stop, then join the worker.
   ~DDRMonitor() override;
 
@@ -141,4 +141,4 @@ class DDRMonitor : public MonitorBase {
   std::atomic<std::int64_t> last_figure_ms{-1};
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -10,7 +10,7 @@
 #include "base/board_path.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 DspEventFifo::~DspEventFifo() {
   if (read_fd_ > 0) close(read_fd_);
@@ -18,14 +18,14 @@ DspEventFifo::~DspEventFifo() {
   // fifo never reports a hang-up while the monitor lives. The read end is
   // closed once only: closing its number a second time could close a
   // descriptor that another thread has just been given.
-  if (!path_.empty()) unlink(BoardPath(path_).c_str());
+  if (!path_.empty()) unlink(base::BoardPath(path_).c_str());
 }
 
 void DspEventFifo::Make() {
-  const std::string real_path = BoardPath(path_);
+  const std::string real_path = base::BoardPath(path_);
   if (mkfifo(real_path.c_str(), 0666) != 0 && errno != EEXIST) {
     const int error = errno;
-    LogError("mkfifo %s failed, %d error:%s\n\n", path_.c_str(), error, strerror(error));
+    base::LogError("mkfifo %s failed, %d error:%s\n\n", path_.c_str(), error, strerror(error));
     return;
   }
   // Non-blocking on both ends: opening the read end must not wait for a
@@ -33,14 +33,14 @@ void DspEventFifo::Make() {
   // Close-on-exec keeps the ends out of child tools the program starts.
   read_fd_ = open(real_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (read_fd_ < 0) {
-    LogError("open %s failed, error:%s\n\n", path_.c_str(), strerror(errno));
+    base::LogError("open %s failed, error:%s\n\n", path_.c_str(), strerror(errno));
   }
   // Something else left at the path (a stale regular file or a folder) would
   // be readable for ever and spin the event loop: refuse it, and leave it
   // where it is at destruction since it is not ours.
   struct stat status;
   if (read_fd_ > 0 && (fstat(read_fd_, &status) != 0 || !S_ISFIFO(status.st_mode))) {
-    LogError("open %s failed, error:%s\n\n", path_.c_str(), "not a fifo");
+    base::LogError("open %s failed, error:%s\n\n", path_.c_str(), "not a fifo");
     close(read_fd_);
     read_fd_ = -1;
     path_.clear();
@@ -51,7 +51,7 @@ void DspEventFifo::Make() {
   // writers.
   write_fd_ = open(real_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   if (write_fd_ < 0) {
-    LogError("open %s failed, error:%s\n\n", path_.c_str(), strerror(errno));
+    base::LogError("open %s failed, error:%s\n\n", path_.c_str(), strerror(errno));
   }
 }
 
@@ -64,4 +64,4 @@ DSPEventMsg ReadDspEventMsg(int fd) {
   return msg;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -7,7 +7,7 @@
 
 #include "monitors/dsp_loading_node.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // Owner of the event fifo. Both descriptors are -1 until Make, and stay -1
 // (each on its own) when making or opening fails. A descriptor counts as open
@@ -42,4 +42,4 @@ class DspEventFifo {
 // or one that does not return exactly 8 bytes yields kDspEventReadFailed.
 DSPEventMsg ReadDspEventMsg(int fd);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // Any other value in DspLoadingNode::magic means the runtime's node layout does
 // not match this monitor.
@@ -61,4 +61,4 @@ constexpr DSPEventMsg MakeDspEventMsg(std::uint32_t pid, std::uint32_t slot) {
   return (static_cast<DSPEventMsg>(slot) << 32) | pid;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

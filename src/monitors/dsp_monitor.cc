@@ -11,7 +11,7 @@
 #include "base/board_path.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 // The runtime's lock on a node. A failure (the lock file closed) cannot be
@@ -38,10 +38,11 @@ std::uint32_t SlotBit(std::uint32_t slot) {
 
 }  // namespace
 
-DSPMonitor::DSPMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner)
-    : StatusMonitor(config, runner), fifo_(kEventFifoPath) {
+DSPMonitor::DSPMonitor(const monitor::MonitorConfig& config,
+                       const std::shared_ptr<runner::WatchTaskRunner>& runner)
+    : monitor::StatusMonitor(config, runner), fifo_(kEventFifoPath) {
   if (files.empty()) {
-    LogVerbose("No loading node found for %s\n", config.name.c_str());
+    base::LogVerbose("No loading node found for %s\n", config.name.c_str());
     SetLoadingNum(0);
   } else {
     SetLoadingNum(static_cast<std::uint32_t>(files.size()));
@@ -50,7 +51,7 @@ DSPMonitor::DSPMonitor(const MonitorConfig& config, const std::shared_ptr<WatchT
   SetTasks({[this] { Run(); }});
   fifo_.Make();
   if (fifo_.read_fd() > 0) AddDspEvent();
-  if (!ScanLoadingNodes()) LogVerbose("No dsp node found, not start dsp monitor\n");
+  if (!ScanLoadingNodes()) base::LogVerbose("No dsp node found, not start dsp monitor\n");
   ready.store(true);
 }
 
@@ -64,7 +65,7 @@ DSPMonitor::~DSPMonitor() {
 }
 
 void DSPMonitor::Start() {
-  if (has_process_.load()) StatusMonitor::Start();
+  if (has_process_.load()) monitor::StatusMonitor::Start();
 }
 
 bool DSPMonitor::IsCoreBusy(std::uint32_t core) {
@@ -141,16 +142,16 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
   DspCoreEntry& entry = entries_[core];
   entry.lock_path = kLockPathPrefix + std::to_string(core);
   // No O_CREAT: the runtime makes the lock file.
-  entry.lock_fd = open(BoardPath(entry.lock_path).c_str(), O_RDWR | O_CLOEXEC);
+  entry.lock_fd = open(base::BoardPath(entry.lock_path).c_str(), O_RDWR | O_CLOEXEC);
   if (entry.lock_fd < 0) {
-    LogBatchVerbose(batch, "dsp%u loading flock open failed, %s\n", core, strerror(errno));
+    base::LogBatchVerbose(batch, "dsp%u loading flock open failed, %s\n", core, strerror(errno));
     return false;
   }
   LockFile(entry.lock_fd, F_LOCK);
 
   entry.shm_fd = shm_open(files[core].c_str(), O_RDWR, kShmOpenMode);
   if (entry.shm_fd < 0) {
-    LogBatchVerbose(batch, "shm open failed\n");
+    base::LogBatchVerbose(batch, "shm open failed\n");
     LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
@@ -167,15 +168,15 @@ bool DSPMonitor::MapLoadingNode(std::uint32_t core) {
     close(entry.shm_fd);
     entry.shm_fd = -1;
     entry.node = nullptr;
-    LogBatchError(batch, "mmap node addr failed\n");
+    base::LogBatchError(batch, "mmap node addr failed\n");
     LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
   entry.node = static_cast<DspLoadingNode*>(addr);
   if (entry.node->magic != kDspNodeMagic) {
     // The node stays mapped; the next unmap releases it.
-    LogBatchError(batch,
-                  "wrong dsp node, please check whether monitor version match zqp version\n");
+    base::LogBatchError(batch,
+                        "wrong dsp node, please check whether monitor version match zqp version\n");
     LockFile(entry.lock_fd, F_ULOCK);
     return false;
   }
@@ -225,4 +226,4 @@ void DSPMonitor::UnmapLoadingNodes() {
   }
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -13,7 +13,7 @@
 #include "monitors/dsp_loading_node.h"
 #include "monitors/dsp_process_table.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // What the monitor holds for one configured node; the core index is the
 // position in the configuration's node list. A descriptor counts as open only
@@ -46,11 +46,12 @@ struct DspCoreEntry {
 // (which must be the thread that constructs, starts and destroys the monitor);
 // the sampler runs on the worker and only calls IsCoreBusy. The runner must not
 // dispatch this monitor's callbacks after it is destroyed.
-class DSPMonitor : public StatusMonitor {
+class DSPMonitor : public monitor::StatusMonitor {
  public:
   // One loading slot per configured shared-memory name; makes the event fifo
   // "/var/run/dsp_event", watches it and scans every node. Always ready.
-  DSPMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  DSPMonitor(const monitor::MonitorConfig& config,
+             const std::shared_ptr<runner::WatchTaskRunner>& runner);
   // Unwatches the fifo, joins the worker (does not Stop it: the owner must),
   // unmaps the nodes, closes the tracked process descriptors, then removes the
   // fifo.
@@ -104,4 +105,4 @@ class DSPMonitor : public StatusMonitor {
   DspProcessTable processes_;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

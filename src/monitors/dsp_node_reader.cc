@@ -13,7 +13,7 @@
 #include "base/board_path.h"
 #include "base/process_descriptor.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 // A node that could not be mapped is tried again at most this often: while
@@ -34,7 +34,7 @@ std::uint32_t LoadWord(const std::uint32_t& word) {
 // The process's command name, as the kernel keeps it (at most 15 bytes).
 std::string CommandName(std::int32_t pid) {
   const int fd =
-      open(BoardPath("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
+      open(base::BoardPath("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return {};
   char text[64];
   const ssize_t got = read(fd, text, sizeof text);
@@ -47,9 +47,9 @@ std::string CommandName(std::int32_t pid) {
 
 }  // namespace
 
-DspNodeReader::DspNodeReader(const MonitorConfig& config,
-                             const std::shared_ptr<WatchTaskRunner>& runner)
-    : StatusMonitor(config, runner) {
+DspNodeReader::DspNodeReader(const monitor::MonitorConfig& config,
+                             const std::shared_ptr<runner::WatchTaskRunner>& runner)
+    : monitor::StatusMonitor(config, runner) {
   SetLoadingNum(static_cast<std::uint32_t>(files.size()));
   cores_.resize(files.size());
   SetTasks({[this] { Run(); }});
@@ -168,7 +168,7 @@ void DspNodeReader::Refresh() {
       named.insert(pid);
       if (dead_.count(pid) != 0) continue;
       if (pidfds_.count(pid) == 0) {
-        const int fd = OpenProcessDescriptor(pid);
+        const int fd = base::OpenProcessDescriptor(pid);
         if (fd < 0) {
           dead_.insert(pid);
           continue;
@@ -190,4 +190,4 @@ void DspNodeReader::Refresh() {
   std::erase_if(dead_, [&named](std::int32_t pid) { return named.count(pid) == 0; });
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

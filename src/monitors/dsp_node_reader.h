@@ -15,7 +15,7 @@
 #include "monitor/status_monitor.h"
 #include "monitors/dsp_loading_node.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // Samples, per core, whether a live client has work running on it.
 //
@@ -33,13 +33,14 @@ namespace kestro::zqp {
 // sampling window has ended. Nothing is fatal: a node that cannot be mapped
 // (absent, empty, wrong magic) is tried again at a later refresh, and its core
 // reads 0.
-class DspNodeReader : public StatusMonitor {
+class DspNodeReader : public monitor::StatusMonitor {
  public:
   static constexpr std::uint32_t kRefreshMs = 50;
 
   // One loading slot per configured shared-memory name. Maps nothing yet;
   // always ready.
-  DspNodeReader(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  DspNodeReader(const monitor::MonitorConfig& config,
+                const std::shared_ptr<runner::WatchTaskRunner>& runner);
   // Joins the worker (the owner must Stop it first), closes every process
   // descriptor and unmaps every node.
   ~DspNodeReader() override;
@@ -98,4 +99,4 @@ class DspNodeReader : public StatusMonitor {
   std::vector<Client> seen_;  // under seen_mutex_
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

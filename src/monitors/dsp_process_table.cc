@@ -4,7 +4,7 @@
 
 #include "base/process_descriptor.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 DspProcessTable::~DspProcessTable() {
   Clear();
@@ -12,7 +12,7 @@ DspProcessTable::~DspProcessTable() {
 
 bool DspProcessTable::AddOrRefresh(std::int32_t pid) {
   if (pid < 0) return false;
-  const int pidfd = OpenProcessDescriptor(pid);
+  const int pidfd = base::OpenProcessDescriptor(pid);
   if (pidfd < 0) return false;
   std::lock_guard<std::mutex> guard(mutex_);
   // Kept as intended: a refreshed pid's previous descriptor stays open and
@@ -58,4 +58,4 @@ void DspProcessTable::Clear() {
   pidfds_.clear();
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // pid -> process descriptor (pidfd). Every operation holds the table's mutex
 // for its whole run and takes no other lock.
@@ -41,4 +41,4 @@ class DspProcessTable {
   std::unordered_map<std::int32_t, int> pidfds_;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

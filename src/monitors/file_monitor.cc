@@ -13,7 +13,7 @@
 #include "base/board_path.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 constexpr std::uint32_t kMaxSamplePeriodMs = 3000;
@@ -22,13 +22,13 @@ constexpr std::size_t kBufferSize = 64;
 
 }  // namespace
 
-FileMonitor::FileMonitor(const MonitorConfig& config,
-                         const std::shared_ptr<WatchTaskRunner>& runner, Reader reader_in)
-    : MonitorBase(config, runner),
+FileMonitor::FileMonitor(const monitor::MonitorConfig& config,
+                         const std::shared_ptr<runner::WatchTaskRunner>& runner, Reader reader_in)
+    : monitor::MonitorBase(config, runner),
       reader(std::move(reader_in)),
       sample_period(std::min(config.delay, kMaxSamplePeriodMs)) {
   const std::size_t n = files.size();
-  if (n == 0) LogVerbose("No loading node found for %s\n", name.c_str());
+  if (n == 0) base::LogVerbose("No loading node found for %s\n", name.c_str());
   SetLoadingNum(static_cast<std::uint32_t>(n));
   fds.assign(n, -1);
   if (n == 0) return;
@@ -42,16 +42,17 @@ FileMonitor::FileMonitor(const MonitorConfig& config,
     // Close-on-exec so that children of the program (the DDR tool) do not
     // inherit the driver files.
     const int flags = (write_sample_time ? O_RDWR : O_RDONLY) | O_CLOEXEC;
-    fds[i] = open(BoardPath(path).c_str(), flags);
+    fds[i] = open(base::BoardPath(path).c_str(), flags);
     if (fds[i] < 0) {
-      LogVerbose("%s%u loading node not exist,%s\n", name.c_str(), static_cast<unsigned>(i),
-                 path.c_str());
+      base::LogVerbose("%s%u loading node not exist,%s\n", name.c_str(), static_cast<unsigned>(i),
+                       path.c_str());
       continue;
     }
     // The driver averages over the period it is told; a refused write leaves
     // its own default, and the file is still worth reading.
     if (write_sample_time && write(fds[i], digits, std::strlen(digits)) < 1) {
-      LogVerbose("Set sample time %s for %s failed, use default value\n", digits, path.c_str());
+      base::LogVerbose("Set sample time %s for %s failed, use default value\n", digits,
+                       path.c_str());
     }
     any_opened = true;
   }
@@ -118,4 +119,4 @@ void FileMonitor::RunAllFiles() {
   }
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

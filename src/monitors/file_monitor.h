@@ -12,9 +12,9 @@
 
 #include "monitor/monitor_base.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
-class FileMonitor : public MonitorBase {
+class FileMonitor : public monitor::MonitorBase {
  public:
   // Given a file's text, stores the value and returns the number of values
   // converted; only 1 is accepted. Called from several workers at once, so it
@@ -27,8 +27,8 @@ class FileMonitor : public MonitorBase {
   // config.task_per_file, else one for all files. Not ready, with no tasks,
   // when config has no files ("No loading node found for %s\n" with -v) or
   // none of them opens (per file "%s%u loading node not exist,%s\n" with -v).
-  FileMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner,
-              Reader reader);
+  FileMonitor(const monitor::MonitorConfig& config,
+              const std::shared_ptr<runner::WatchTaskRunner>& runner, Reader reader);
   // Joins the workers (Stop must have been called), then closes every
   // descriptor greater than 0.
   ~FileMonitor() override;
@@ -52,4 +52,4 @@ class FileMonitor : public MonitorBase {
   std::uint32_t sample_period;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

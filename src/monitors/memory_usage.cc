@@ -12,7 +12,7 @@
 #include "base/decimal.h"
 #include "monitors/text_fields.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 constexpr std::size_t kNoColumn = std::numeric_limits<std::size_t>::max();
@@ -115,9 +115,9 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
         const bool shaped = fields.size() >= 4 && columns.client < fields.size() &&
                             columns.tgid < fields.size() && columns.size < fields.size();
         const std::optional<std::int32_t> pid =
-            shaped ? ParseDecimal<std::int32_t>(fields[columns.tgid]) : std::nullopt;
+            shaped ? base::ParseDecimal<std::int32_t>(fields[columns.tgid]) : std::nullopt;
         const std::optional<std::uint64_t> size =
-            pid ? ParseDigits(fields[columns.size]) : std::nullopt;
+            pid ? base::ParseDigits(fields[columns.size]) : std::nullopt;
         if (!size) {
           done = seen_good_row || Contains(line, "total");
           break;
@@ -140,7 +140,7 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
 
 int CollectMemoryUsage(MemoryUsage& usage) {
   std::FILE* file =
-      std::fopen(BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
+      std::fopen(base::BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
   usage.heap_current.fill(false);
   if (file == nullptr) return 0;
   HeapLineBuffer line{};
@@ -158,7 +158,7 @@ int CollectMemoryUsage(MemoryUsage& usage) {
   for (auto it = usage.processes.begin(); it != usage.processes.end();) {
     char path[64];
     std::snprintf(path, sizeof(path), "/proc/%d/%s", it->first, "status");
-    std::FILE* status = std::fopen(BoardPath(path).c_str(), "re");
+    std::FILE* status = std::fopen(base::BoardPath(path).c_str(), "re");
     bool found = false;
     if (status != nullptr) {
       char status_line[64];
@@ -175,4 +175,4 @@ int CollectMemoryUsage(MemoryUsage& usage) {
   return 0;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

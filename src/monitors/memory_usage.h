@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <unordered_map>
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 inline constexpr std::size_t kHeapCount = 5;
 
@@ -63,4 +63,4 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
 void AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
                       std::uint64_t size);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

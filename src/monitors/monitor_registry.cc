@@ -7,13 +7,13 @@
 #include "monitors/value_readers.h"
 #include "monitors/ypu_monitor.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 template <typename Monitor, typename... Extra>
-std::shared_ptr<MonitorBase> Create(const MonitorConfig& config,
-                                    const std::shared_ptr<WatchTaskRunner>& runner,
-                                    Extra... extra) {
+std::shared_ptr<monitor::MonitorBase> Create(const monitor::MonitorConfig& config,
+                                             const std::shared_ptr<runner::WatchTaskRunner>& runner,
+                                             Extra... extra) {
   if (!CheckMonitorConfig(config)) return nullptr;
   auto monitor = std::make_shared<Monitor>(config, runner, extra...);
   if (!monitor->IsReady()) return nullptr;
@@ -21,15 +21,16 @@ std::shared_ptr<MonitorBase> Create(const MonitorConfig& config,
 }
 
 MonitorFactory FileCreator(long (*reader)(float&, const char*)) {
-  return [reader](const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner) {
+  return [reader](const monitor::MonitorConfig& config,
+                  const std::shared_ptr<runner::WatchTaskRunner>& runner) {
     return Create<FileMonitor>(config, runner, FileMonitor::Reader(reader));
   };
 }
 
 // The monitor owns the DSP event fifo and cleans up the nodes; a read-only
 // program only reads them.
-std::shared_ptr<MonitorBase> CreateDsp(const MonitorConfig& config,
-                                       const std::shared_ptr<WatchTaskRunner>& runner) {
+std::shared_ptr<monitor::MonitorBase> CreateDsp(
+    const monitor::MonitorConfig& config, const std::shared_ptr<runner::WatchTaskRunner>& runner) {
   if (config.read_only) return Create<DspNodeReader>(config, runner);
   return Create<DSPMonitor>(config, runner);
 }
@@ -43,23 +44,23 @@ const std::unordered_map<std::string, MonitorFactory> MonitorCreator = {
     {"JPU", FileCreator(ReadPlainNumber)}, {"VPU", FileCreator(ReadPlainNumber)},
 };
 
-bool CheckMonitorConfig(const MonitorConfig& config) {
+bool CheckMonitorConfig(const monitor::MonitorConfig& config) {
   if (config.delay == 0) {
-    LogError("sample time is 0 for %s\n", config.name.c_str());
+    base::LogError("sample time is 0 for %s\n", config.name.c_str());
     return false;
   }
   if ((config.name == "YPU" || config.name == "DSP") && config.frequency == 0) {
-    LogError("sample frequency is 0 for %s\n", config.name.c_str());
+    base::LogError("sample frequency is 0 for %s\n", config.name.c_str());
     return false;
   }
   return true;
 }
 
-std::shared_ptr<MonitorBase> CreateMonitor(const MonitorConfig& config,
-                                           const std::shared_ptr<WatchTaskRunner>& runner) {
+std::shared_ptr<monitor::MonitorBase> CreateMonitor(
+    const monitor::MonitorConfig& config, const std::shared_ptr<runner::WatchTaskRunner>& runner) {
   auto it = MonitorCreator.find(config.name);
   if (it == MonitorCreator.end()) return nullptr;
   return it->second(config, runner);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

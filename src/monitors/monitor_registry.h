@@ -10,10 +10,10 @@
 #include "monitor/monitor_base.h"
 #include "monitor/monitor_config.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
-using MonitorFactory = std::function<std::shared_ptr<MonitorBase>(
-    const MonitorConfig&, const std::shared_ptr<WatchTaskRunner>&)>;
+using MonitorFactory = std::function<std::shared_ptr<monitor::MonitorBase>(
+    const monitor::MonitorConfig&, const std::shared_ptr<runner::WatchTaskRunner>&)>;
 
 // The eight creators, keyed by engine name. Each returns an empty pointer when
 // the configuration is refused or the monitor did not come up ready; it never
@@ -22,11 +22,11 @@ extern const std::unordered_map<std::string, MonitorFactory> MonitorCreator;
 
 // False, after "sample time is 0 for %s" or (YPU, DSP only) "sample frequency
 // is 0 for %s", when the configuration cannot drive a monitor.
-bool CheckMonitorConfig(const MonitorConfig& config);
+bool CheckMonitorConfig(const monitor::MonitorConfig& config);
 
 // Looks the configuration's name up exactly; an unknown or empty name gives an
 // empty pointer without a message.
-std::shared_ptr<MonitorBase> CreateMonitor(const MonitorConfig& config,
-                                           const std::shared_ptr<WatchTaskRunner>& runner);
+std::shared_ptr<monitor::MonitorBase> CreateMonitor(
+    const monitor::MonitorConfig& config, const std::shared_ptr<runner::WatchTaskRunner>& runner);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

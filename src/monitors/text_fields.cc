@@ -12,7 +12,7 @@
 #include "base/board_path.h"
 #include "base/log.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 // isspace of the "C" locale, the only one the program runs in (it never calls
@@ -106,10 +106,10 @@ std::vector<std::string_view> SplitFields(std::string_view text, char delimiter)
 }
 
 bool IsProcessRunning(const char* name) {
-  const std::string proc = BoardPath("/proc");
+  const std::string proc = base::BoardPath("/proc");
   DIR* dir = opendir(proc.c_str());
   if (dir == nullptr) {
-    LogError("open proc failed\n");
+    base::LogError("open proc failed\n");
     return false;
   }
   const std::size_t name_length = std::strlen(name);
@@ -121,7 +121,7 @@ bool IsProcessRunning(const char* name) {
     char path[64];
     const int length = std::snprintf(path, sizeof(path), "/proc/%s/cmdline", entry->d_name);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path)) continue;
-    const int fd = open(BoardPath(path).c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(base::BoardPath(path).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) continue;
     char cmdline[256];
     const ssize_t got = read(fd, cmdline, sizeof(cmdline) - 1);
@@ -137,4 +137,4 @@ bool IsProcessRunning(const char* name) {
   return found;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // Splits text at every delimiter. A piece ended by a delimiter is dropped when
 // empty, kept as it stands when it holds only white space (isspace), and kept
@@ -25,4 +25,4 @@ void SplitFields(std::string_view text, char delimiter, std::vector<std::string_
 // "open proc failed" (LogError) when /proc cannot be opened.
 bool IsProcessRunning(const char* name);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

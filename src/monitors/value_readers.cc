@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 long ReadSecondToken(float& value, const char* text) {
   return std::sscanf(text, "%*s %f %*s", &value);
@@ -12,4 +12,4 @@ long ReadPlainNumber(float& value, const char* text) {
   return std::sscanf(text, "%f", &value);
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -7,11 +7,11 @@
 // Both are free of shared state and safe to call from several threads.
 #pragma once
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // "<label> <number> <unit>": the second whitespace-separated token, as a float.
 long ReadSecondToken(float& value, const char* text);
 // "<number>...": a float at the start of the text (leading blanks skipped).
 long ReadPlainNumber(float& value, const char* text);
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/shared_library.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 constexpr const char* kYpuLibraryName = "libypu.so.2";
@@ -15,8 +15,8 @@ constexpr unsigned int kIdleCapacity = 64;
 template <typename Function>
 bool Resolve(void* handle, const char* soname, const char* symbol, Function& out) {
   std::string why;
-  if (ResolveSymbol(handle, symbol, out, why)) return true;
-  LogVerbose("YPU library %s lacks %s: %s\n", soname, symbol, why.c_str());
+  if (base::ResolveSymbol(handle, symbol, out, why)) return true;
+  base::LogVerbose("YPU library %s lacks %s: %s\n", soname, symbol, why.c_str());
   return false;
 }
 
@@ -26,7 +26,8 @@ std::optional<YpuLibrary> OpenYpuLibrary(const char* soname) {
   void* handle = dlopen(soname, RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char* why = dlerror();
-    LogVerbose("YPU library %s not available: %s\n", soname, why != nullptr ? why : "unknown");
+    base::LogVerbose("YPU library %s not available: %s\n", soname,
+                     why != nullptr ? why : "unknown");
     return std::nullopt;
   }
   YpuLibrary library{};
@@ -51,13 +52,13 @@ YpuCoreSet::YpuCoreSet(const YpuLibrary* library_in) : library(library_in) {
   core_num = library->core_num();
   handles.assign(core_num, nullptr);
   for (std::uint32_t i = 0; i < core_num; ++i) {
-    LogVerbose("Start open ypu core %u\n", i);
+    base::LogVerbose("Start open ypu core %u\n", i);
     const int status = library->core_open(&handles[i], 1u << (i % 32), 0);
     if (status != 0) {
-      LogError("Open YPU core:%u failed, return %d\n", i, status);
+      base::LogError("Open YPU core:%u failed, return %d\n", i, status);
       return;
     }
-    LogVerbose("Open ypu core %u success\n", i);
+    base::LogVerbose("Open ypu core %u success\n", i);
   }
   opened = true;
 }
@@ -69,16 +70,18 @@ YpuCoreSet::~YpuCoreSet() {
   for (std::uint32_t i = 0; i < core_num; ++i) library->core_close(handles[i]);
 }
 
-YPUMonitor::YPUMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner)
+YPUMonitor::YPUMonitor(const monitor::MonitorConfig& config,
+                       const std::shared_ptr<runner::WatchTaskRunner>& runner)
     : YPUMonitor(config, runner, YpuLibrary::Load()) {}
 
-YPUMonitor::YPUMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner,
+YPUMonitor::YPUMonitor(const monitor::MonitorConfig& config,
+                       const std::shared_ptr<runner::WatchTaskRunner>& runner,
                        const YpuLibrary* library_in)
-    : StatusMonitor(config, runner), library(library_in) {
+    : monitor::StatusMonitor(config, runner), library(library_in) {
   cores = std::make_unique<YpuCoreSet>(library);
   if (!cores->opened) return;
   if (cores->core_num == 0) {
-    LogVerbose("YPU get core num is zero\n");
+    base::LogVerbose("YPU get core num is zero\n");
     return;
   }
   SetLoadingNum(cores->core_num);
@@ -98,4 +101,4 @@ bool YPUMonitor::IsCoreBusy(std::uint32_t core) {
   return cap < kIdleCapacity;
 }
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -10,7 +10,7 @@
 
 #include "monitor/status_monitor.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 
 // The accelerator library's entry points. Every pointer is non-null in a
 // table handed to YpuCoreSet or YPUMonitor.
@@ -63,13 +63,14 @@ class YpuCoreSet {
 // present, reports at least one core and every core opened; then it has one
 // loading slot per core and one worker task. Not ready otherwise (a library
 // reporting 0 cores prints "YPU get core num is zero\n" with -v).
-class YPUMonitor : public StatusMonitor {
+class YPUMonitor : public monitor::StatusMonitor {
  public:
-  YPUMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner);
+  YPUMonitor(const monitor::MonitorConfig& config,
+             const std::shared_ptr<runner::WatchTaskRunner>& runner);
   // As above with a given function table instead of the loaded library
   // (nullptr: library missing). The table must outlive the monitor.
-  YPUMonitor(const MonitorConfig& config, const std::shared_ptr<WatchTaskRunner>& runner,
-             const YpuLibrary* library);
+  YPUMonitor(const monitor::MonitorConfig& config,
+             const std::shared_ptr<runner::WatchTaskRunner>& runner, const YpuLibrary* library);
   // Joins the worker (Stop must have been called), then closes the cores.
   ~YPUMonitor() override;
 
@@ -83,4 +84,4 @@ class YPUMonitor : public StatusMonitor {
   std::unique_ptr<YpuCoreSet> cores;
 };
 
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -47,7 +47,7 @@ std::string CsvHeader(const CsvLayout& layout) {
   out += ",ddr_read_bytes_per_second,ddr_write_bytes_per_second";
   for (const std::size_t heap : layout.heaps) {
     for (const char* figure : {"total", "used", "free"}) {
-      out += std::string(",") + kHeapNames[heap] + "_" + figure + "_bytes";
+      out += std::string(",") + monitors::kHeapNames[heap] + "_" + figure + "_bytes";
     }
   }
   return out + "\r\n";

@@ -92,7 +92,7 @@ std::string JsonLine(const Record& record) {
   }
   json.Key("heaps").Open('[');
   for (const HeapFigure& heap : record.heaps) {
-    json.Open('{').Key("name").String(kHeapNames[heap.index]);
+    json.Open('{').Key("name").String(monitors::kHeapNames[heap.index]);
     json.Key("total_bytes").Number(heap.total_bytes).Key("used_bytes").Number(heap.used_bytes);
     json.Key("free_bytes").Number(heap.total_bytes - heap.used_bytes).Close('}');
   }

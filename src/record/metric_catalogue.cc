@@ -50,9 +50,10 @@ void AppendSample(std::string& out, const std::string& name, const std::string& 
 std::vector<MetricFamily> Families(const Record& record, std::size_t processes) {
   using Samples = std::vector<std::pair<std::string, std::string>>;
   std::vector<MetricFamily> out;
-  static const std::string kBuildHelp = std::string("Version of ") + kRecordProgram + "; always 1.";
+  static const std::string kBuildHelp =
+      std::string("Version of ") + base::kRecordProgram + "; always 1.";
   Family(out, "kvt_zqp_build", "info", kBuildHelp.c_str(),
-         {{"version=\"" + PrometheusLabelValue(GetVersion()) + "\"", "1"}});
+         {{"version=\"" + PrometheusLabelValue(base::GetVersion()) + "\"", "1"}});
   Family(out, "kvt_zqp_sample_timestamp_seconds", "gauge",
          "Wall-clock time of the sample, seconds since the epoch.",
          {{"", Seconds(record.wall_ms)}});
@@ -84,7 +85,7 @@ std::vector<MetricFamily> Families(const Record& record, std::size_t processes) 
   Samples used;
   Samples free;
   for (const HeapFigure& heap : record.heaps) {
-    const std::string labels = std::string("heap=\"") + kHeapNames[heap.index] + "\"";
+    const std::string labels = std::string("heap=\"") + monitors::kHeapNames[heap.index] + "\"";
     total.emplace_back(labels, std::to_string(heap.total_bytes));
     used.emplace_back(labels, std::to_string(heap.used_bytes));
     free.emplace_back(labels, std::to_string(heap.total_bytes - heap.used_bytes));

@@ -8,7 +8,7 @@ namespace kestro::zqp::record {
 
 std::string PrometheusText(const Record& record, std::size_t processes) {
   std::string out =
-      std::string("# ") + kRecordProgram + " sample at " + Rfc3339(record.wall_ms) + "\n";
+      std::string("# ") + base::kRecordProgram + " sample at " + Rfc3339(record.wall_ms) + "\n";
   for (const MetricFamily& family : Families(record, processes)) {
     // The text format has no info type: an info metric is a gauge of 1
     // whose name ends in _info.

@@ -6,11 +6,11 @@
 
 namespace kestro::zqp::record {
 
-std::vector<float> LoadingIntervals::Since(std::size_t index, const MonitorBase& monitor) {
+std::vector<float> LoadingIntervals::Since(std::size_t index, const monitor::MonitorBase& monitor) {
   if (!monitor.IsSampler()) return monitor.LoadingSnapshot();
   if (last_.size() <= index) last_.resize(index + 1);
-  MonitorBase::SampleCounts now = monitor.CountsSnapshot();
-  MonitorBase::SampleCounts& before = last_[index];
+  monitor::MonitorBase::SampleCounts now = monitor.CountsSnapshot();
+  monitor::MonitorBase::SampleCounts& before = last_[index];
   before.busy.resize(now.busy.size(), 0);
   const std::uint64_t samples = now.samples - before.samples;
   // A sampler that pauses while nothing can be busy may have taken no
@@ -27,9 +27,9 @@ std::vector<float> LoadingIntervals::Since(std::size_t index, const MonitorBase&
   return values;
 }
 
-Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors, const DdrFigures& ddr,
-                  MemoryUsage& memory, std::int64_t wall_ms, std::int64_t elapsed_ms,
-                  LoadingIntervals& intervals) {
+Record TakeRecord(const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors,
+                  const monitors::DdrFigures& ddr, monitors::MemoryUsage& memory,
+                  std::int64_t wall_ms, std::int64_t elapsed_ms, LoadingIntervals& intervals) {
   constexpr std::uint64_t kMiB = 1u << 20;
   Record record;
   record.wall_ms = wall_ms;
@@ -47,8 +47,8 @@ Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors, con
   record.ddr_read_bytes_per_s = ddr.read * kMiB;
   record.ddr_write_bytes_per_s = ddr.write * kMiB;
 
-  CollectMemoryUsage(memory);
-  for (std::size_t heap = 0; heap < kHeapCount; ++heap) {
+  monitors::CollectMemoryUsage(memory);
+  for (std::size_t heap = 0; heap < monitors::kHeapCount; ++heap) {
     // A heap missing from this read (or an unreadable file) keeps the last
     // figures for the report; here it is missing.
     if (memory.heap_total[heap] == 0 || !memory.heap_current[heap]) continue;

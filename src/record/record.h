@@ -54,19 +54,19 @@ class LoadingIntervals {
   // began; NaN when no sample was taken in between, unless the monitor is
   // SurelyIdle (then 0). A monitor that does not
   // sample gives its loading slots as they are.
-  std::vector<float> Since(std::size_t index, const MonitorBase& monitor);
+  std::vector<float> Since(std::size_t index, const monitor::MonitorBase& monitor);
 
  private:
-  std::vector<MonitorBase::SampleCounts> last_;
+  std::vector<monitor::MonitorBase::SampleCounts> last_;
 };
 
 // The figures of one report frame, taken as DrawFrame takes them: every
 // monitor's loading (LoadingIntervals for the samplers), the DDR figures (MiB/s, scaled to
 // bytes/s), one CollectMemoryUsage, after which the process table is emptied as after a frame, so
 // that the next collection starts from an empty table.
-Record TakeRecord(const std::vector<std::shared_ptr<MonitorBase>>& monitors, const DdrFigures& ddr,
-                  MemoryUsage& memory, std::int64_t wall_ms, std::int64_t elapsed_ms,
-                  LoadingIntervals& intervals);
+Record TakeRecord(const std::vector<std::shared_ptr<monitor::MonitorBase>>& monitors,
+                  const monitors::DdrFigures& ddr, monitors::MemoryUsage& memory,
+                  std::int64_t wall_ms, std::int64_t elapsed_ms, LoadingIntervals& intervals);
 
 // "YPU0": the report's row label.
 std::string Label(const LoadingFigure& figure);

@@ -176,7 +176,7 @@ std::string RunSummary::Table(const CommandOutcome& outcome) const {
   for (const std::string& word : outcome.argv) {
     command += (command.empty() ? "" : " ") + Printable(ShellWord(word), kWidth);
   }
-  std::string out = kRecordProgram + (": " + command);
+  std::string out = base::kRecordProgram + (": " + command);
   if (out.size() > kWidth) out = out.substr(0, kWidth - 3) + "...";
   out += "\n";
   if (outcome.signal != 0) {
@@ -220,7 +220,7 @@ std::string RunSummary::Table(const CommandOutcome& outcome) const {
                                         : "-" + Size(*heap.start - *heap.end);
       }
       out +=
-          Row(kHeapNames[index],
+          Row(monitors::kHeapNames[index],
               {Size(heap.total), SizeOr(heap.start), SizeOr(heap.peak), SizeOr(heap.end), kept}, 8);
     }
   }
@@ -284,7 +284,7 @@ std::string RunSummary::Json(const CommandOutcome& outcome) const {
   }
   json.Key("heaps").Open('{');
   for (const auto& [index, heap] : heaps_) {
-    json.Key(kHeapNames[index]).Open('{').Key("total_bytes").Number(heap.total);
+    json.Key(monitors::kHeapNames[index]).Open('{').Key("total_bytes").Number(heap.total);
     json.Key("start_bytes")
         .Number(BytesOr(heap.start))
         .Key("peak_bytes")

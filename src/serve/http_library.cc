@@ -19,18 +19,19 @@ std::optional<HttpLibrary> Open(std::string& error) {
   HttpLibrary library{};
   std::string why;
   // The names are read by scripts/package too, for the version it recommends.
-  if (!ResolveSymbol(handle, "MHD_start_daemon", library.start_daemon, why) ||
-      !ResolveSymbol(handle, "MHD_stop_daemon", library.stop_daemon, why) ||
-      !ResolveSymbol(handle, "MHD_get_daemon_info", library.get_daemon_info, why) ||
-      !ResolveSymbol(handle, "MHD_get_timeout", library.get_timeout, why) ||
-      !ResolveSymbol(handle, "MHD_run", library.run, why) ||
-      !ResolveSymbol(handle, "MHD_get_connection_info", library.get_connection_info, why) ||
-      !ResolveSymbol(handle, "MHD_lookup_connection_value", library.lookup_connection_value, why) ||
-      !ResolveSymbol(handle, "MHD_create_response_from_buffer_with_free_callback_cls",
-                     library.create_response, why) ||
-      !ResolveSymbol(handle, "MHD_add_response_header", library.add_response_header, why) ||
-      !ResolveSymbol(handle, "MHD_queue_response", library.queue_response, why) ||
-      !ResolveSymbol(handle, "MHD_destroy_response", library.destroy_response, why)) {
+  if (!base::ResolveSymbol(handle, "MHD_start_daemon", library.start_daemon, why) ||
+      !base::ResolveSymbol(handle, "MHD_stop_daemon", library.stop_daemon, why) ||
+      !base::ResolveSymbol(handle, "MHD_get_daemon_info", library.get_daemon_info, why) ||
+      !base::ResolveSymbol(handle, "MHD_get_timeout", library.get_timeout, why) ||
+      !base::ResolveSymbol(handle, "MHD_run", library.run, why) ||
+      !base::ResolveSymbol(handle, "MHD_get_connection_info", library.get_connection_info, why) ||
+      !base::ResolveSymbol(handle, "MHD_lookup_connection_value", library.lookup_connection_value,
+                           why) ||
+      !base::ResolveSymbol(handle, "MHD_create_response_from_buffer_with_free_callback_cls",
+                           library.create_response, why) ||
+      !base::ResolveSymbol(handle, "MHD_add_response_header", library.add_response_header, why) ||
+      !base::ResolveSymbol(handle, "MHD_queue_response", library.queue_response, why) ||
+      !base::ResolveSymbol(handle, "MHD_destroy_response", library.destroy_response, why)) {
     error = why;  // dlerror names the library and the symbol
     dlclose(handle);
     return std::nullopt;

@@ -106,7 +106,7 @@ bool ParseListenAddress(std::string_view text, ListenAddress& address, std::stri
   address.host = std::string(host);
   address.port = kDefaultListenPort;
   if (port.empty()) return true;
-  const std::optional<std::uint16_t> value = ParseDecimal<std::uint16_t>(port);
+  const std::optional<std::uint16_t> value = base::ParseDecimal<std::uint16_t>(port);
   if (!value) {
     error = "listen port '" + std::string(port) + "' is not a number from 0 to 65535";
     return false;
@@ -364,8 +364,9 @@ void MetricsServer::Publish(std::string text, std::string open_metrics) {
 bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
                            std::string_view method, bool body) {
   static const std::string kLanding =
-      std::string("<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>") + kRecordProgram +
-      "</title></head>\n<body><h1>" + kRecordProgram + " " + GetVersion() +
+      std::string("<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>") +
+      base::kRecordProgram + "</title></head>\n<body><h1>" + base::kRecordProgram + " " +
+      base::GetVersion() +
       "</h1>\n<p>Engine loading, DDR bandwidth and ION heaps of this board, as of the latest "
       "completed interval: <a href=\"/metrics\">/metrics</a></p></body></html>\n";
   Response response{MHD_HTTP_NOT_FOUND, "text/plain; charset=utf-8", "404 not found\n", nullptr};

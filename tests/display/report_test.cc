@@ -34,8 +34,8 @@ TEST(FormatSizeTest, RoundsHalfUpAndCarriesIntoTheValueOnly) {
 // No heap file on the board: the collector keeps the process the test put in.
 TEST(ReportTest, ProcessRowAndTheTableEmptiedAfterTheFrame) {
   test_support::BoardRoot board;
-  MemoryUsage memory;
-  ProcessMemory& process = memory.processes[100];
+  monitors::MemoryUsage memory;
+  monitors::ProcessMemory& process = memory.processes[100];
   process.rss_kb = 4096;
   process.ion_bytes = 8192;
   std::strcpy(process.name, "camera_service_12345");

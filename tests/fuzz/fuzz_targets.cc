@@ -37,7 +37,7 @@ const std::string& Root() {
   static const std::string* const root = [] {
     auto* dir = new std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
     if (mkdtemp((*dir += "/kzm_fuzz_XXXXXX").data()) == nullptr) std::abort();
-    SetBoardRootForTesting(*dir);
+    base::SetBoardRootForTesting(*dir);
     std::atexit([] { std::filesystem::remove_all(Root()); });
     return dir;
   }();
@@ -61,9 +61,9 @@ const bool kBoardMade = WriteBoardFile(kHeapFile,
 
 // One report frame's collection, and what the report relies on afterwards.
 [[maybe_unused]] void Collect() {
-  MemoryUsage usage;
-  CollectMemoryUsage(usage);
-  for (std::size_t i = 0; i < kHeapCount; ++i)
+  monitors::MemoryUsage usage;
+  monitors::CollectMemoryUsage(usage);
+  for (std::size_t i = 0; i < monitors::kHeapCount; ++i)
     if (usage.heap_used[i] > usage.heap_total[i]) std::abort();
   for (const auto& entry : usage.processes)
     if (std::memchr(entry.second.name, '\0', sizeof entry.second.name) == nullptr) std::abort();
@@ -79,11 +79,11 @@ constexpr char kShortOptions[] = "hvbVd:f:n:t:e:";
 
 // The sampler is left out: Start only marks the monitor running (it has never
 // run while no process was found), so an input starts and joins no thread.
-class [[maybe_unused]] Dsp : public DSPMonitor {
+class [[maybe_unused]] Dsp : public monitors::DSPMonitor {
  public:
-  using DSPMonitor::DSPMonitor;
-  using DSPMonitor::OnDspEvent;
-  using DSPMonitor::OnProcessExit;
+  using monitors::DSPMonitor::DSPMonitor;
+  using monitors::DSPMonitor::OnDspEvent;
+  using monitors::DSPMonitor::OnProcessExit;
   void Start() override { stop.store(!HasProcess()); }
 };
 
@@ -227,8 +227,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 #elif defined(KZM_FUZZ_DDR_LINE)
   // In batch mode with -v a bad row is printed too. Each '\n'-ended line, of
   // any length, is parsed, then the whole input as one line.
-  static DDRMonitor* const monitor =
-      (SetLogLevel(0), new DDRMonitor({.name = "DDR", .batch = true}));
+  static monitors::DDRMonitor* const monitor =
+      (base::SetLogLevel(0), new monitors::DDRMonitor({.name = "DDR", .batch = true}));
   for (std::size_t start = 0, end; start < size; start = end + 1) {
     end = std::min(text.find('\n', start), size - 1);
     monitor->ParseLine(text.substr(start, end - start + 1).c_str());
@@ -237,11 +237,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 #elif defined(KZM_FUZZ_SECOND_TOKEN) || defined(KZM_FUZZ_PLAIN_NUMBER)
   // The input is the driver's file as the monitor reads it, through its
   // 64-byte buffer, then the whole text as any caller may pass it.
-  constexpr auto reader =
-      std::string_view(KZM_FUZZ_NAME) == "second_token" ? ReadSecondToken : ReadPlainNumber;
+  constexpr auto reader = std::string_view(KZM_FUZZ_NAME) == "second_token"
+                              ? monitors::ReadSecondToken
+                              : monitors::ReadPlainNumber;
   static const int fd = memfd_create("kzm_fuzz_loading", MFD_CLOEXEC);
-  static FileMonitor monitor({.name = "GDC", .delay = 1000, .task_per_file = true, .batch = true},
-                             nullptr, reader);
+  static monitors::FileMonitor monitor(
+      {.name = "GDC", .delay = 1000, .task_per_file = true, .batch = true}, nullptr, reader);
   if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
     std::abort();
   char buffer[64] = {};
@@ -271,12 +272,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     start = at + 1;
   }
   add(rest.substr(start));
-  if (SplitFields(rest, text[0]) != plain) std::abort();
+  if (monitors::SplitFields(rest, text[0]) != plain) std::abort();
   for (const std::string_view field : plain) {
     std::uint64_t want = 0;
     const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), want);
     const bool ok = error == std::errc() && end == field.data() + field.size();
-    if (ParseDigits(field) != (ok ? std::optional(want) : std::nullopt)) std::abort();
+    if (base::ParseDigits(field) != (ok ? std::optional(want) : std::nullopt)) std::abort();
   }
 #elif defined(KZM_FUZZ_ACCEPT)
   // A scraper's Accept header. Whatever follows, a first range of the text
@@ -322,8 +323,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int code; (code = getopt_long(argc, probe.data(), kShortOptions, nullptr, nullptr)) != -1;)
     if (code == 'h' || code == 'V' || code == '?') return 0;
   opterr = 1, optind = 0;
-  const MonitorOption option = app::ParseOptions(argc, argv.data());
-  SetLogLevel(1);
+  const base::MonitorOption option = app::ParseOptions(argc, argv.data());
+  base::SetLogLevel(1);
   if (option.valid &&
       (option.delay_ms < 100 || option.delay_ms > 10000 || option.frequency < 10 ||
        option.frequency > 1000 || option.iterations == 0 ||
@@ -365,19 +366,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 nullptr);
     monitor.Start();
     for (int events = 0; pos + 9 <= size && events < 16; pos += 9, ++events) {
-      DSPEventMsg msg = 0;
+      monitors::DSPEventMsg msg = 0;
       std::memcpy(&msg, data + pos + 1, sizeof msg);
       static_cast<void>(write(monitor.EventFifo().write_fd(), data + pos + 1, data[pos] % 9));
       // A rescan while idle maps each node again over its last mapping, which
       // then stays for good; released here, or millions of inputs would run
       // out of mappings.
-      DspLoadingNode* before[3] = {};
+      monitors::DspLoadingNode* before[3] = {};
       for (std::uint32_t core = 0; core < 3 && monitor.IsStopped(); ++core)
         before[core] = monitor.CoreEntry(core).node;
       monitor.OnDspEvent(monitor.EventFifo().read_fd());
       for (std::uint32_t core = 0; core < 3; ++core) {
         if (before[core] != nullptr && before[core] != monitor.CoreEntry(core).node)
-          munmap(before[core], kDspLoadingNodeSize);
+          munmap(before[core], monitors::kDspLoadingNodeSize);
         monitor.IsCoreBusy(core);
       }
       if (data[pos] & 0x80) monitor.OnProcessExit(msg);

@@ -10,13 +10,13 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 namespace {
 
 class TestMonitor : public MonitorBase {
  public:
   TestMonitor(const std::string& monitor_name, bool ready_in, int task_count,
-              std::shared_ptr<WatchTaskRunner> runner_in = nullptr)
+              std::shared_ptr<runner::WatchTaskRunner> runner_in = nullptr)
       : MonitorBase(MonitorConfig{.name = monitor_name, .frequency = 500, .delay = 1000},
                     runner_in) {
     ready.store(ready_in);
@@ -53,7 +53,7 @@ TEST(MonitorBaseTest, StartRunsOneNamedThreadPerTaskOnceAndJoinsThem) {
 }
 
 TEST(MonitorBaseTest, LoadingSlotsAndWatches) {
-  auto runner = std::make_shared<WatchTaskRunner>();
+  auto runner = std::make_shared<runner::WatchTaskRunner>();
   TestMonitor monitor("YPU", false, 0, runner);
   monitor.SetLoadingNum(4);
   monitor.SetLoading(3, 42.5f);
@@ -65,4 +65,4 @@ TEST(MonitorBaseTest, LoadingSlotsAndWatches) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

@@ -9,12 +9,13 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 namespace {
 
 const std::string kFlow = "/sys/devices/virtual/vps/flow/";
 const std::string kDebug = "/sys/kernel/debug/";
-const MonitorOption kOptions{.delay_ms = 700, .frequency = 250, .batch = true, .enable_list = {}};
+const base::MonitorOption kOptions{
+    .delay_ms = 700, .frequency = 250, .batch = true, .enable_list = {}};
 
 // Name, frequency, delay, task_per_file, write_sample_time, batch and files,
 // with F/ for the vps flow folder and D/ for the debugfs one.
@@ -86,7 +87,7 @@ TEST(MonitorConfigTest, DspWithoutDevThrowsLogicError) {
 // The option parser refuses unknown names first, so only here can one arrive.
 TEST(MonitorConfigTest, UnknownEnableItemStopsWithVerboseMessage) {
   test_support::BoardRoot board;
-  MonitorOption option = kOptions;
+  base::MonitorOption option = kOptions;
   option.enable_list = {"yPu", "ddr", "dsp"};
   for (const int level : {1, 0}) {
     test_support::ScopedLogLevel log_level(level);
@@ -100,4 +101,4 @@ TEST(MonitorConfigTest, UnknownEnableItemStopsWithVerboseMessage) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

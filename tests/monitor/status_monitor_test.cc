@@ -9,7 +9,7 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitor {
 namespace {
 
 // IsCoreBusy answers from a script and counts its calls.
@@ -76,4 +76,4 @@ TEST(StatusMonitorTest, RunSleepsOnePeriodBetweenPassesUntilStopped) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitor

@@ -13,14 +13,14 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using test_support::CaptureStderr;
 using Result = DdrLineResult;
 
-MonitorConfig DdrConfig(bool batch) {
-  return MonitorConfig{.name = "DDR", .batch = batch};
+monitor::MonitorConfig DdrConfig(bool batch) {
+  return monitor::MonitorConfig{.name = "DDR", .batch = batch};
 }
 
 // A fake tool first on PATH. The port choice is cached by the first monitor
@@ -145,4 +145,4 @@ TEST_F(DdrTest, StopAndDestructionHangUpASilentToolWithoutLeaksOrFailure) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -22,7 +22,7 @@
 #include "base/log.h"
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using test_support::CountOpenFds;
@@ -51,7 +51,7 @@ struct Child {
 
 // Whether another process could take core's lock file right now.
 bool LockFree(std::uint32_t core) {
-  const std::string path = BoardPath(kLockPath + std::to_string(core));
+  const std::string path = base::BoardPath(kLockPath + std::to_string(core));
   const pid_t pid = fork();
   if (pid == 0) _exit(lockf(open(path.c_str(), O_RDWR), F_TLOCK, 0) == 0 ? 0 : 1);
   int status = -1;
@@ -61,7 +61,7 @@ bool LockFree(std::uint32_t core) {
 // The first size bytes of the runtime's message {pid, slot 0}.
 void SendEvent(pid_t pid, std::size_t size = sizeof(DSPEventMsg)) {
   const DSPEventMsg msg = MakeDspEventMsg(static_cast<std::uint32_t>(pid), 0);
-  std::ofstream(BoardPath(kFifo), std::ios::binary)
+  std::ofstream(base::BoardPath(kFifo), std::ios::binary)
       .write(reinterpret_cast<const char*>(&msg), size);
 }
 
@@ -112,10 +112,10 @@ class DspMonitorTest : public ::testing::Test {
   // interval no test reaches, so the worker publishes nothing), then runs the
   // loop until Destroy. Returns what construction printed at that log level.
   std::string Create(bool batch = true, int level = 1) {
-    SetLogLevel(level);
+    base::SetLogLevel(level);
     const std::string printed = test_support::CaptureStderr([&] {
       monitor_ = std::make_unique<DSPMonitor>(
-          MonitorConfig{
+          monitor::MonitorConfig{
               .name = "DSP", .frequency = 500, .delay = 1000000, .batch = batch, .files = names_},
           runner_);
       monitor_->Start();
@@ -149,7 +149,7 @@ class DspMonitorTest : public ::testing::Test {
 
   test_support::BoardRoot board_;
   std::vector<std::string> names_;
-  std::shared_ptr<WatchTaskRunner> runner_ = std::make_shared<WatchTaskRunner>();
+  std::shared_ptr<runner::WatchTaskRunner> runner_ = std::make_shared<runner::WatchTaskRunner>();
   int quit_[2] = {-1, -1};
   std::thread loop_;
   std::unique_ptr<DSPMonitor> monitor_;
@@ -187,7 +187,7 @@ TEST_P(DspUnusableTest, PrintsGatedMessagesStaysIdleAndLeaksNothing) {
   if (setup == kWrongMagic) Hold(AddCore(), 0, getpid())->magic = 0x1122334455667788ULL;
   if (setup == kUnsized) AddCore(0);
   if (setup == kStaleFile) board_.WriteFile(kFifo, "");
-  if (setup == kNoRunDir) std::filesystem::remove_all(BoardPath("/var/run"));
+  if (setup == kNoRunDir) std::filesystem::remove_all(base::BoardPath("/var/run"));
   const int fds = CountOpenFds();
   EXPECT_EQ(Create(batch, level), printed);
   // Always ready, never started, and a rejected node contributes no process.
@@ -197,7 +197,7 @@ TEST_P(DspUnusableTest, PrintsGatedMessagesStaysIdleAndLeaksNothing) {
   Destroy();
   // Only the fifo's write end outlives the monitor, and only a fifo is removed.
   EXPECT_EQ(CountOpenFds() - fds, setup == kStaleFile || setup == kNoRunDir ? 0 : 1);
-  EXPECT_EQ(access(BoardPath(kFifo).c_str(), F_OK) == 0, setup == kStaleFile);
+  EXPECT_EQ(access(base::BoardPath(kFifo).c_str(), F_OK) == 0, setup == kStaleFile);
 }
 
 TEST_F(DspMonitorTest, ProcessLifetimesReleaseSlotsUnderTheLockAndLeakOnlyWhatIsKept) {
@@ -207,7 +207,7 @@ TEST_F(DspMonitorTest, ProcessLifetimesReleaseSlotsUnderTheLockAndLeakOnlyWhatIs
   // nothing. A fifo left by an earlier run is reused.
   node0->pids[2] = static_cast<std::uint32_t>(getpid());
   Hold(node0, 4, kNoSuchPid);
-  mkfifo(BoardPath(kFifo).c_str(), 0600);
+  mkfifo(base::BoardPath(kFifo).c_str(), 0600);
   const int fds = CountOpenFds(), maps = CountNodeMappings();
   EXPECT_EQ(Create(true, 0), kNone);
   // Core 0 runs work of a and b, core 1 only of a.
@@ -222,7 +222,7 @@ TEST_F(DspMonitorTest, ProcessLifetimesReleaseSlotsUnderTheLockAndLeakOnlyWhatIs
   for (const std::uint32_t core : {0u, 1u}) monitor_->SetLoading(core, 55.0f);
 
   // a exits while another process holds core 0's lock file.
-  Child locker((BoardPath(kLockPath) + "0").c_str());
+  Child locker((base::BoardPath(kLockPath) + "0").c_str());
   ASSERT_TRUE(WaitFor([] { return !LockFree(0); }));
   a.Kill();
   EXPECT_TRUE(WaitFor([&] { return std::atomic_ref(node0->running_mask).load() == 1u << 31; }));
@@ -276,4 +276,4 @@ TEST_F(DspMonitorTest, ProcessLifetimesReleaseSlotsUnderTheLockAndLeakOnlyWhatIs
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

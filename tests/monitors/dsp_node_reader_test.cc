@@ -17,7 +17,7 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using test_support::CountOpenFds;
@@ -56,7 +56,7 @@ class DspNodeReaderTest : public ::testing::Test {
     return node;
   }
 
-  MonitorConfig Config() const {
+  monitor::MonitorConfig Config() const {
     return {.name = "DSP", .frequency = 500, .delay = 1000, .files = names_, .read_only = true};
   }
 
@@ -122,4 +122,4 @@ TEST_F(DspNodeReaderTest, CountsLiveHoldersOnlyWithOneDescriptorEach) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -15,7 +15,7 @@
 #include "monitors/value_readers.h"
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using std::chrono::milliseconds;
@@ -24,12 +24,12 @@ using std::chrono::milliseconds;
 auto Make(std::vector<std::string> files, std::uint32_t delay, const std::string& name = "GDC",
           FileMonitor::Reader reader = ReadSecondToken) {
   const bool gdc = name == "GDC";
-  return std::make_unique<FileMonitor>(MonitorConfig{.name = name,
-                                                     .frequency = 500,
-                                                     .delay = delay,
-                                                     .task_per_file = gdc,
-                                                     .write_sample_time = gdc,
-                                                     .files = std::move(files)},
+  return std::make_unique<FileMonitor>(monitor::MonitorConfig{.name = name,
+                                                              .frequency = 500,
+                                                              .delay = delay,
+                                                              .task_per_file = gdc,
+                                                              .write_sample_time = gdc,
+                                                              .files = std::move(files)},
                                        nullptr, reader);
 }
 
@@ -58,7 +58,7 @@ TEST(FileMonitorTest, RunsOneWorkerPerOpenedFileOrOneForAllAndTellsWhyUnderVerbo
       {"JPU", {"/full", "/full"}, true, "", 1}};
   for (const auto& [name, files, verbose, message, workers] : cases) {
     test_support::BoardRoot tree;
-    ASSERT_EQ(symlink("/dev/full", BoardPath("/full").c_str()), 0);
+    ASSERT_EQ(symlink("/dev/full", base::BoardPath("/full").c_str()), 0);
     std::unique_ptr<FileMonitor> monitor;
     test_support::ScopedLogLevel level(verbose ? 0 : 1);
     EXPECT_EQ(test_support::CaptureStderr(
@@ -80,9 +80,9 @@ TEST(FileMonitorTest, RunsOneWorkerPerOpenedFileOrOneForAllAndTellsWhyUnderVerbo
 TEST(FileMonitorTest, TimeBlockedInTheReadCountsAgainstThePeriod) {
   for (const auto& [block, least, most] : {std::tuple{900, 30, 500}, std::tuple{1200, 0, 300}}) {
     test_support::BoardRoot tree;
-    ASSERT_EQ(mkfifo(BoardPath("/loading").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(base::BoardPath("/loading").c_str(), 0600), 0);
     // Holding both ends lets the monitor's open return at once.
-    const int fifo = open(BoardPath("/loading").c_str(), O_RDWR);
+    const int fifo = open(base::BoardPath("/loading").c_str(), O_RDWR);
     std::atomic<std::chrono::steady_clock::time_point> read_at[3];
     std::atomic<int> reads = 0;
     // The first read takes the period that the monitor wrote.
@@ -107,4 +107,4 @@ TEST(FileMonitorTest, TimeBlockedInTheReadCountsAgainstThePeriod) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

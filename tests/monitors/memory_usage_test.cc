@@ -9,7 +9,7 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 // Heap 6: summary row superseded by the allocation table, a malformed first
@@ -94,4 +94,4 @@ TEST(MemoryUsageTest, AllocationRowsNeedAnInt32PidAndAWholeSizeInTheirHeadersCol
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

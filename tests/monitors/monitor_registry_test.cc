@@ -8,14 +8,15 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using test_support::CaptureStderr;
 
-MonitorConfig Config(const std::string& name, std::uint32_t frequency, std::uint32_t delay,
-                     const char* file = "/loading") {
-  return MonitorConfig{.name = name, .frequency = frequency, .delay = delay, .files = {file}};
+monitor::MonitorConfig Config(const std::string& name, std::uint32_t frequency, std::uint32_t delay,
+                              const char* file = "/loading") {
+  return monitor::MonitorConfig{
+      .name = name, .frequency = frequency, .delay = delay, .files = {file}};
 }
 
 // A zero delay is refused for every engine, a zero frequency for YPU and DSP
@@ -23,7 +24,7 @@ MonitorConfig Config(const std::string& name, std::uint32_t frequency, std::uint
 TEST(MonitorRegistryTest, GivesOnlyReadyUnstartedMonitorsOfKnownNamesWithUsableSettings) {
   test_support::BoardRoot board;
   board.WriteFile("/loading", "loading 37.5 %\n");
-  std::vector<std::pair<MonitorConfig, std::string>> refused = {
+  std::vector<std::pair<monitor::MonitorConfig, std::string>> refused = {
       {Config("YPU", 0, 1000), "sample frequency is 0 for YPU\n"},
       {Config("DSP", 0, 1000), "sample frequency is 0 for DSP\n"},
       {Config("", 0, 0), ""},
@@ -49,4 +50,4 @@ TEST(MonitorRegistryTest, GivesOnlyReadyUnstartedMonitorsOfKnownNamesWithUsableS
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -15,7 +15,7 @@
 #include "monitors/file_monitor.h"
 #include "monitors/value_readers.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using Fields = std::vector<std::string_view>;
@@ -49,7 +49,7 @@ TEST(ValueReadersTest, ReadLoadingPublishesOnlyASingleConversionOfOneShortRead) 
   char buffer[64] = {};
   const auto load = [&](const std::string& text, FileMonitor::Reader reader) {
     EXPECT_EQ(text.empty() ? 0 : write(ends[1], text.data(), text.size()), ssize_t(text.size()));
-    FileMonitor monitor(MonitorConfig{}, nullptr, std::move(reader));
+    FileMonitor monitor(monitor::MonitorConfig{}, nullptr, std::move(reader));
     const float value = monitor.ReadLoading(ends[0], buffer, sizeof buffer);
     for (char drain[256]; read(ends[0], drain, sizeof drain) > 0;) {
     }
@@ -68,4 +68,4 @@ TEST(ValueReadersTest, ReadLoadingPublishesOnlyASingleConversionOfOneShortRead) 
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

@@ -8,7 +8,7 @@
 
 #include "support/test_util.h"
 
-namespace kestro::zqp {
+namespace kestro::zqp::monitors {
 namespace {
 
 using test_support::CaptureStderr;
@@ -90,4 +90,4 @@ TEST(YpuLibraryTest, MissingOrIncompleteLibrarySaysWhyOnlyWithVerbose) {
 }
 
 }  // namespace
-}  // namespace kestro::zqp
+}  // namespace kestro::zqp::monitors

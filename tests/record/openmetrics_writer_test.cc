@@ -17,7 +17,7 @@ const std::string kBuild =
     "# HELP kvt_zqp_build Version of kvt_zqp_record; always 1.\n"
     "# TYPE kvt_zqp_build info\n"
     "kvt_zqp_build_info{version=\"" +
-    GetVersion() + "\"} 1";
+    base::GetVersion() + "\"} 1";
 constexpr char kTime[] =
     "# HELP kvt_zqp_sample_timestamp_seconds Wall-clock time of the sample, seconds since the "
     "epoch.\n# TYPE kvt_zqp_sample_timestamp_seconds gauge\n";
@@ -69,7 +69,7 @@ TEST(OpenMetricsWriterTest, ScrapeAndRecordingToTheByte) {
                 "kvt_zqp_loading_ratio{engine=\"DSP\",core=\"0\"} 0.5 1714564800.123\n" + kLive +
                 "kvt_zqp_ddr_figures_live 0 1714564800.123\n"
                 "kvt_zqp_build_info{version=\"" +
-                GetVersion() +
+                base::GetVersion() +
                 "\"} 1 1714564801.123\n"
                 "kvt_zqp_sample_timestamp_seconds 1714564801.123 1714564801.123\n"
                 "kvt_zqp_elapsed_seconds 3.005 1714564801.123\n"

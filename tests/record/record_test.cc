@@ -94,7 +94,7 @@ TEST(WritersTest, EachFormatOfOneRecord) {
   const std::string prom = PrometheusText(record, 1);
   for (const std::string& line : std::vector<std::string>{
            "# kvt_zqp_record sample at 2024-05-01T12:00:00.123Z\n",
-           "\n# TYPE kvt_zqp_build_info gauge\nkvt_zqp_build_info{version=\"" + GetVersion() +
+           "\n# TYPE kvt_zqp_build_info gauge\nkvt_zqp_build_info{version=\"" + base::GetVersion() +
                "\"} 1\n",
            "\n# TYPE kvt_zqp_loading_ratio gauge\nkvt_zqp_loading_ratio{engine=\"YPU\","
            "core=\"0\"} 0.296\n",
@@ -136,7 +136,7 @@ TEST(RecordTest, LeavesOutWhatIsNotCurrent) {
   test_support::BoardRoot board;
   const std::string heaps = "/sys/kernel/debug/ion/heaps/all_heap_info";
   board.WriteFile(heaps, "the heap id is 6\nheap total size 4096\n");
-  MemoryUsage memory;
+  monitors::MemoryUsage memory;
   LoadingIntervals intervals;
   for (const bool live : {true, false}) {
     const Record record = TakeRecord({}, {true, live, 3, 4}, memory, 0, 0, intervals);

@@ -201,10 +201,11 @@ TEST(RunSummaryTest, DdrAndHeapsByHand) {
 }
 
 // A sampler whose busy answers the test sets.
-class FakeSampler : public StatusMonitor {
+class FakeSampler : public monitor::StatusMonitor {
  public:
   FakeSampler()
-      : StatusMonitor(MonitorConfig{"DSP", 500, 1000, false, false, true, {}, true}, nullptr) {
+      : monitor::StatusMonitor(
+            monitor::MonitorConfig{"DSP", 500, 1000, false, false, true, {}, true}, nullptr) {
     SetLoadingNum(2);
     InitCoreStats();
   }

@@ -13,19 +13,19 @@
 namespace kestro::zqp::test_support {
 
 BoardRoot::BoardRoot() {
-  SetBoardRootForTesting(Path());
+  base::SetBoardRootForTesting(Path());
 }
 
 BoardRoot::~BoardRoot() {
-  SetBoardRootForTesting("");
-  SetLogLevel(1);
+  base::SetBoardRootForTesting("");
+  base::SetLogLevel(1);
 }
 
 ScopedLogLevel::ScopedLogLevel(int level) {
-  SetLogLevel(static_cast<std::uint8_t>(level));
+  base::SetLogLevel(static_cast<std::uint8_t>(level));
 }
 ScopedLogLevel::~ScopedLogLevel() {
-  SetLogLevel(1);
+  base::SetLogLevel(1);
 }
 
 std::string CaptureStderr(const std::function<void()>& body) {
