@@ -158,7 +158,9 @@ void RecordApp::PrintSettings() const {
   if (writing) {
     LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
   }
-  if (option.listen) LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
+  if (option.listen) {
+    LogVerbose("listening: http://%s/ (live page), /metrics\n", server.BoundAddress().c_str());
+  }
 }
 
 record::Record RecordApp::FirstReading() {
@@ -176,6 +178,9 @@ bool RecordApp::StartServer(const record::Record& before) {
   // Started once the stop signals are blocked, so that its thread never
   // takes them; it serves the start's figures until the first interval ends.
   Publish(before);
+  history = std::make_unique<record::History>(option.monitor.delay_ms,
+                                              option.history_minutes * 60000, option.processes);
+  server.ServeHistory(history.get());
   std::string error;
   if (server.Start(serve::ServerLimits{}, error)) return true;
   LogError("%s: %s\n", kProgram, error.c_str());
@@ -276,7 +281,10 @@ void RecordApp::TakeAndWrite() {
                                                    memory, WallMs(), elapsed_ms, intervals);
   if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
   last_record_ms = elapsed_ms;
-  if (option.listen) Publish(record);
+  if (option.listen) {
+    Publish(record);
+    history->Add(record);
+  }
   record::NotifyWatchdog();
   if (!writing) return;
   std::string text;
