@@ -19,59 +19,10 @@ from pathlib import Path
 import pytest
 
 from conftest import SLOWDOWN, hang_bound
-from recordings import check_exposed, free_port, prom_samples
+from recordings import Service, check_exposed, free_port, prom_samples, wait_until
 
-# The recorder on the board (argv: binary, port, then its other options) until
-# the test creates "stop" in the board's folder; "kill-ddr" there first kills
-# the DDR tool.
-SERVICE = r"""
-rec=$1; port=$2; shift 2
-"$rec" --listen "127.0.0.1:$port" "$@" & r=$!
-until [ -e "$KZM_SIM_WORKDIR/stop" ]; do
-  if [ -e "$KZM_SIM_WORKDIR/kill-ddr" ] && [ ! -e "$KZM_SIM_WORKDIR/ddr-killed" ]; then
-    pkill -KILL -x plox_ddr && : >"$KZM_SIM_WORKDIR/ddr-killed"
-  fi
-  sleep 0.05
-done
-kill -TERM $r
-wait $r
-"""
 OPEN_METRICS = ("application/openmetrics-text;version=1.0.0,application/openmetrics-text;"
                 "version=0.0.1;q=0.75,text/plain;version=0.0.4;q=0.5,*/*;q=0.1")
-
-
-def wait_until(what, seconds, check):
-    """check()'s first true value, trying every 0.1 s; fails after the (hang) bound."""
-    end = time.monotonic() + hang_bound(seconds)
-    while time.monotonic() < end:
-        value = check()
-        if value:
-            return value
-        time.sleep(0.1)
-    pytest.fail(f"{what}: not within {hang_bound(seconds)} s")
-
-
-class Service:
-    """The recorder serving on the board in a thread; its BoardRun once stopped."""
-
-    def __init__(self, run_on_board, tmp_path, record_binary, options):
-        self.port, self.folder = free_port(), tmp_path / "board1"
-        self.run = None
-        args = ["sh", "-c", SERVICE, "sh", record_binary, str(self.port), *options]
-        self.thread = threading.Thread(
-            target=lambda: setattr(self, "run", run_on_board("full", args, timeout=240)))
-        self.thread.start()
-
-    def signal(self, name):
-        wait_until("the board's folder", 60,
-                   lambda: self.folder.is_dir() or not self.thread.is_alive())
-        if self.thread.is_alive():
-            (self.folder / name).touch()
-
-    def stop(self):
-        self.signal("stop")
-        self.thread.join()
-        return self.run
 
 
 def start_prometheus(tmp_path, config="", data=None):
