@@ -64,7 +64,7 @@ std::string History::Since(std::optional<std::int64_t> since_ms) const {
   const std::lock_guard<std::mutex> hold(mutex_);
   const std::size_t oldest = (next_ + slots_.size() - size_) % slots_.size();
   const std::size_t latest = (next_ + slots_.size() - 1) % slots_.size();
-  out += std::to_string(size_ == 0 ? -1 : slots_[latest].elapsed_ms) + ",\"records\":[";
+  out += std::to_string(size_ == 0 ? 0 : slots_[latest].elapsed_ms) + ",\"records\":[";
   bool first = true;
   for (std::size_t i = 0; i < size_; ++i) {
     const Slot& slot = slots_[(oldest + i) % slots_.size()];

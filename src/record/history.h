@@ -31,7 +31,8 @@ class History {
   void Add(const Record& record);
   // {"interval_ms":..,"history_ms":.. (as kept),"latest_elapsed_ms":..,"records":[..]}
   // with the records whose elapsed_ms is above since_ms, oldest first; every
-  // record when since_ms is empty. latest_elapsed_ms is -1 before the first.
+  // record when since_ms is empty. latest_elapsed_ms is 0 before the first
+  // (records come after it), so that it can always be the next since.
   std::string Since(std::optional<std::int64_t> since_ms) const;
 
   std::size_t Capacity() const { return slots_.size(); }

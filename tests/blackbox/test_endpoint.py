@@ -1,7 +1,7 @@
 """kvt_zqp_record --listen on the simulated board: a real Prometheus server
 scraping the endpoint (and node_exporter's textfile job beside it), a
-recording backfilled into a real server, and the endpoint under load and
-abuse on loopback."""
+recording backfilled into a real server, and the endpoint (its history too)
+under load and abuse on loopback."""
 import http.client
 import json
 import re
@@ -234,12 +234,40 @@ def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
             counts.append(n)
             connection.close()
 
-        threads = [threading.Thread(target=scraper, args=(i,)) for i in range(20)]
+        # And 20 pages on another address (each address may hold 32
+        # connections) polling the history at the interval, each from its
+        # latest record on: each must hold every record, in order.
+        polled = []
+
+        def poller(i):
+            connection, since, got = http.client.HTTPConnection(
+                "127.0.0.1", service.port, timeout=hang_bound(10),
+                source_address=("127.0.0.2", 0)), None, []
+            start = time.monotonic()
+            while time.monotonic() - start < 60:
+                try:
+                    connection.request("GET", "/api/v1/history" + (
+                        "" if since is None else f"?since={since}"))
+                    answer = json.load(connection.getresponse())
+                    got += [r["elapsed_s"] for r in answer["records"]]
+                    since = answer["latest_elapsed_ms"]
+                except (OSError, http.client.HTTPException, ValueError) as e:
+                    failures.append(("page", i, repr(e)))
+                    connection.close()
+                time.sleep(0.5)
+            polled.append(got)
+            connection.close()
+
+        threads = [threading.Thread(target=scraper, args=(i,)) for i in range(20)] + [
+            threading.Thread(target=poller, args=(i,)) for i in range(20)]
         for thread in threads:
             thread.start()
         for thread in threads:
             thread.join()
-        assert (failures, len(counts)) == ([], 20)
+        every = [r["elapsed_s"] for r in json.load(urllib.request.urlopen(
+            f"http://127.0.0.1:{service.port}/api/v1/history", timeout=hang_bound(10)))["records"]]
+        assert (failures, len(counts), len(polled)) == ([], 20, 20)
+        assert all(got == every[:len(got)] and len(got) > len(every) - 4 for got in polled)
 
         # Bad requests get their 4xx and change nothing.
         before = prom_samples(scrape(http.client.HTTPConnection(
@@ -251,7 +279,9 @@ def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
             b"GET /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nhello",
             b"GET /metrics\r\n\r\n",
             b"GET /metrics HTTP/7.1\r\n\r\n",
-            b"GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n")]
+            b"GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n",
+            b"GET /api/v1/history?since=1e3 HTTP/1.1\r\nHost: x\r\n\r\n",
+            b"GET /api/v1/history?since=" + b"9" * 5000 + b" HTTP/1.1\r\nHost: x\r\n\r\n")]
         after = prom_samples(scrape(http.client.HTTPConnection(
             "127.0.0.1", service.port, timeout=hang_bound(10)), "text/plain")[1])
     finally:
@@ -260,7 +290,8 @@ def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
     assert bad == ["HTTP/1.1 431 Request Header Fields Too Large", "HTTP/1.1 414 URI Too Long",
                    "HTTP/1.1 405 Method Not Allowed", "HTTP/1.1 413 Content Too Large",
                    "HTTP/1.1 400 Bad Request", "HTTP/1.1 505 HTTP Version Not Supported",
-                   "HTTP/1.1 404 Not Found"]
+                   "HTTP/1.1 404 Not Found", "HTTP/1.1 400 Bad Request",
+                   "HTTP/1.1 400 Bad Request"]
     assert set(before) == set(after) and len(before) > 20
 
 
