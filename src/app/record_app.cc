@@ -159,7 +159,9 @@ void RecordApp::PrintSettings() const {
     LogVerbose("output: %s\n", option.output.empty() ? "standard output" : option.output.c_str());
   }
   if (option.listen) {
-    LogVerbose("listening: http://%s/ (live page), /metrics\n", server.BoundAddress().c_str());
+    LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
+    LogVerbose("live page: http://%s/ (%lld minutes)\n", server.BoundAddress().c_str(),
+               static_cast<long long>(option.history_minutes));
   }
 }
 

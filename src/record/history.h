@@ -18,8 +18,8 @@ namespace kestro::zqp::record {
 class History {
  public:
   // The most records kept, whatever the minutes asked: an hour at 1 s, six
-  // minutes at 100 ms. A record of a full board is about 2 KiB, with ten
-  // ION holders 2.7 KiB: 10 MiB at most.
+  // minutes at 100 ms. A record of a full board is about 1.5 KiB, with ten
+  // ION holders 2 KiB: 7.5 MiB at most.
   static constexpr std::size_t kMaxRecords = 3600;
 
   // Keeps the records of history_ms at one per interval_ms: at least one, at
