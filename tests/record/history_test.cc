@@ -58,27 +58,5 @@ TEST(HistoryTest, KeepsTheLatestRecordsWithinItsBound) {
             "{\"interval_ms\":100,\"history_ms\":360000,");
 }
 
-TEST(HistoryTest, SinceIsMillisecondsUpTo10To15) {
-  const std::vector<std::pair<const char*, std::optional<std::int64_t>>> cases = {
-      {"0", 0},
-      {"1500", 1500},
-      {"1000000000000000", 1'000'000'000'000'000},
-      {"1000000000000001", std::nullopt},
-      {"99999999999999999999", std::nullopt},
-      {"-1", std::nullopt},
-      {"", std::nullopt},
-      {"1e3", std::nullopt},
-      {" 5", std::nullopt},
-  };
-  for (const auto& [text, want] : cases) {
-    std::optional<std::int64_t> since;
-    EXPECT_EQ(ParseSince(text, since), want.has_value()) << text;
-    EXPECT_EQ(since, want) << text;
-  }
-  std::optional<std::int64_t> since = 5;
-  EXPECT_TRUE(ParseSince(nullptr, since));
-  EXPECT_EQ(since, std::nullopt);
-}
-
 }  // namespace
 }  // namespace kestro::zqp::record

@@ -199,7 +199,7 @@ TEST_F(ServerTest, AnswersEachRequest) {
        "HTTP/1.1 200 OK | Content-Type: application/json | {\"interval_ms\":1000,\"history_ms\":"
        "2000,\"latest_elapsed_ms\":0,\"records\":[]}\n"},
   };
-  for (const char* since : {"x", "", "-1", "1000000000000001"}) {
+  for (const char* since : {"x", "", "-1", "1e3", "+5", "1000000000000001"}) {
     cases.push_back(
         {"GET /api/v1/history?since=" + std::string(since) + " HTTP/1.1\r\nHost: x\r\n\r\n",
          "HTTP/1.1 400 Bad Request | " + plain +
