@@ -159,8 +159,11 @@ void RecordApp::PrintSettings() const {
     base::LogVerbose("output: %s\n",
                      option.output.empty() ? "standard output" : option.output.c_str());
   }
-  if (option.listen)
+  if (option.listen) {
     base::LogVerbose("listening: http://%s/metrics\n", server.BoundAddress().c_str());
+    base::LogVerbose("live page: http://%s/ (%lld minutes)\n", server.BoundAddress().c_str(),
+                     static_cast<long long>(option.history_minutes));
+  }
 }
 
 record::Record RecordApp::FirstReading() {
@@ -178,6 +181,9 @@ bool RecordApp::StartServer(const record::Record& before) {
   // Started once the stop signals are blocked, so that its thread never
   // takes them; it serves the start's figures until the first interval ends.
   Publish(before);
+  history = std::make_unique<record::History>(option.monitor.delay_ms,
+                                              option.history_minutes * 60000, option.processes);
+  server.ServeHistory(history.get());
   std::string error;
   if (server.Start(serve::ServerLimits{}, error)) return true;
   base::LogError("%s: %s\n", kProgram, error.c_str());
@@ -279,7 +285,10 @@ void RecordApp::TakeAndWrite() {
                                                    memory, WallMs(), elapsed_ms, intervals);
   if (!option.command.empty()) summary.Add(record, elapsed_ms - last_record_ms);
   last_record_ms = elapsed_ms;
-  if (option.listen) Publish(record);
+  if (option.listen) {
+    Publish(record);
+    history->Add(record);
+  }
   record::NotifyWatchdog();
   if (!writing) return;
   std::string text;

@@ -17,6 +17,7 @@
 #include "app/record_options.h"
 #include "app/wrapped_command.h"
 #include "monitors/memory_usage.h"
+#include "record/history.h"
 #include "record/output_file.h"
 #include "record/record.h"
 #include "record/summary.h"
@@ -87,6 +88,8 @@ class RecordApp {
   record::RunSummary summary;
   record::OutputFile summary_file;
   WrappedCommand command;
+  // With --listen only; outlives the server, which reads it.
+  std::unique_ptr<record::History> history;
   serve::MetricsServer server;
   int command_status = 0;
   int killed_by = 0;

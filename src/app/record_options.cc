@@ -20,6 +20,8 @@ constexpr int kFormatOption = 256;
 constexpr int kSummaryOption = 257;
 constexpr int kProcessesOption = 258;
 constexpr int kListenOption = 259;
+constexpr int kHistoryOption = 260;
+constexpr std::int64_t kMaxHistoryMinutes = 60;
 constexpr std::size_t kDefaultProcesses = 10;
 constexpr unsigned long kMaxProcesses = 1000;
 
@@ -31,6 +33,7 @@ const option kRecordOptions[] = {
     {"summary", required_argument, nullptr, kSummaryOption},
     {"processes", optional_argument, nullptr, kProcessesOption},
     {"listen", required_argument, nullptr, kListenOption},
+    {"history", required_argument, nullptr, kHistoryOption},
     {"delay", required_argument, nullptr, 'd'},
     {"freq", required_argument, nullptr, 'f'},
     {"number", required_argument, nullptr, 'n'},
@@ -53,7 +56,10 @@ constexpr char kRecordUsage[] =
     "                         largest ION holders (default N: 10)\n"
     "      --listen [ADDR][:PORT]\n"
     "                         serve the latest record over HTTP at /metrics for\n"
-    "                         Prometheus (no ADDR: every address; default PORT 10190)\n"
+    "                         Prometheus and a live page of the recent records at /\n"
+    "                         (no ADDR: every address; default PORT 10190)\n"
+    "      --history MINUTES  with --listen, the minutes of records the page and\n"
+    "                         /api/v1/history keep: 1 to 60 (default 10)\n"
     "  -d, --delay MS         interval between records in milliseconds, also the\n"
     "                         loading window of YPU and DSP: 100 to 10000 (default 1000)\n"
     "  -f, --freq N           samples per second of YPU and DSP: 10 to 1000 (default 500)\n"
@@ -113,6 +119,7 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
   // nothing there but its own output.
   option.monitor.read_only = true;
   bool count_given = false;
+  bool history_given = false;
   int code;
   // "+": the first word that is not an option starts the command, whose own
   // options are its own.
@@ -156,6 +163,19 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
         }
         break;
       }
+      case kHistoryOption: {
+        const std::optional<std::int64_t> n =
+            base::ParseDecimal(optarg, std::int64_t{1}, kMaxHistoryMinutes);
+        if (!n) {
+          base::LogError("%s: --history takes a number of minutes from 1 to %lld, not '%s'\n",
+                         kProgram, static_cast<long long>(kMaxHistoryMinutes), optarg);
+          option.valid = false;
+        } else {
+          option.history_minutes = *n;
+          history_given = true;
+        }
+        break;
+      }
       case kSummaryOption:
         option.summary = optarg;
         if (*optarg == '\0') {
@@ -192,6 +212,10 @@ RecordOption ParseRecordOptions(int argc, char** argv) {
   }
   if (option.valid && option.command.empty() && !option.summary.empty()) {
     base::LogError("%s: --summary needs a command to summarise\n", kProgram);
+    option.valid = false;
+  }
+  if (option.valid && history_given && !option.listen) {
+    base::LogError("%s: --history needs --listen\n", kProgram);
     option.valid = false;
   }
   if (option.valid) option.valid = FinishSharedOptions(option.monitor, true);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ struct RecordOption {
   // --listen: serve the latest record over HTTP for Prometheus.
   bool listen = false;
   serve::ListenAddress listen_address;
+  // --history: minutes of records the live page and /api/v1/history serve.
+  std::int64_t history_minutes = 10;
 };
 
 // Parses argv; options end at "--" or the first word that is not one, which

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "base/decimal.h"
-#include "base/program_name.h"
-#include "base/version.h"
+#include "record/history.h"
 #include "serve/http_library.h"
+#include "serve/live_page.h"
 
 namespace kestro::zqp::serve {
 namespace {
@@ -363,12 +363,6 @@ void MetricsServer::Publish(std::string text, std::string open_metrics) {
 
 bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
                            std::string_view method, bool body) {
-  static const std::string kLanding =
-      std::string("<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>") +
-      base::kRecordProgram + "</title></head>\n<body><h1>" + base::kRecordProgram + " " +
-      base::GetVersion() +
-      "</h1>\n<p>Engine loading, DDR bandwidth and ION heaps of this board, as of the latest "
-      "completed interval: <a href=\"/metrics\">/metrics</a></p></body></html>\n";
   Response response{MHD_HTTP_NOT_FOUND, "text/plain; charset=utf-8", "404 not found\n", nullptr};
   if (method != "GET" && method != "HEAD") {
     response = {MHD_HTTP_METHOD_NOT_ALLOWED, response.type, "405 only GET and HEAD\n", nullptr};
@@ -376,7 +370,17 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
     response = {MHD_HTTP_CONTENT_TOO_LARGE, response.type, "413 no request body expected\n",
                 nullptr};
   } else if (url == "/") {
-    response = {MHD_HTTP_OK, "text/html; charset=utf-8", kLanding, nullptr};
+    response = {MHD_HTTP_OK, "text/html; charset=utf-8", LivePage(), nullptr};
+  } else if (url == "/api/v1/history" && history_ != nullptr) {
+    std::optional<std::int64_t> since_ms;
+    if (!record::ParseSince(
+            http_->lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "since"), since_ms)) {
+      response = {MHD_HTTP_BAD_REQUEST, response.type,
+                  "400 since is not a number of milliseconds from 0 to 10^15\n", nullptr};
+    } else {
+      auto json = std::make_shared<const std::string>(history_->Since(since_ms));
+      response = {MHD_HTTP_OK, "application/json", *json, json};
+    }
   } else if (url == "/metrics") {
     std::shared_ptr<const Exposition> latest;
     {
@@ -401,6 +405,8 @@ bool MetricsServer::Answer(MHD_Connection* connection, std::string_view url,
     return false;
   }
   http_->add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.type);
+  // The page polls; a cached answer would freeze it.
+  http_->add_response_header(reply, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
   if (response.status == MHD_HTTP_METHOD_NOT_ALLOWED) {
     http_->add_response_header(reply, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
   } else if (response.status == MHD_HTTP_SERVICE_UNAVAILABLE) {

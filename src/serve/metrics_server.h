@@ -1,7 +1,7 @@
 // The recorder's HTTP endpoint for Prometheus: /metrics serves the latest
 // completed record (the text format, or OpenMetrics when the scraper's Accept
-// header prefers it), / a short landing page, 404 elsewhere and 405 for
-// methods other than GET and HEAD.
+// header prefers it), / the live page, /api/v1/history the recent records it
+// charts, 404 elsewhere and 405 for methods other than GET and HEAD.
 //
 // Built on libmicrohttpd, which Bind loads at run time (http_library.h): only
 // a recorder asked to listen loads it, and the monitor never does.
@@ -15,6 +15,10 @@
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+
+namespace kestro::zqp::record {
+class History;
+}
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -76,6 +80,9 @@ class MetricsServer {
   // mask and runs the library's epoll loop. Until the first Publish, /metrics answers 503. False
   // with why in error.
   bool Start(const ServerLimits& limits, std::string& error);
+  // The records /api/v1/history serves (404 without): set before Start, kept
+  // alive by the caller until Stop.
+  void ServeHistory(const record::History* history) { history_ = history; }
   // The texts of the latest completed record. Any thread.
   void Publish(std::string text, std::string open_metrics);
   // Stops serving; Bind and Start are then needed again.
@@ -102,6 +109,7 @@ class MetricsServer {
   void Serve();
 
   const HttpLibrary* http_ = nullptr;  // set by Bind
+  const record::History* history_ = nullptr;
   int listen_fd_ = -1;
   MHD_Daemon* daemon_ = nullptr;
   int wake_fd_ = -1;   // eventfd, written by Stop

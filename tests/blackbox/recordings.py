@@ -1,9 +1,17 @@
 """The recorder's outputs read back for the black-box tests: CSV and JSON
-lines as records, an exposition as samples."""
+lines as records, an exposition as samples, and its series against the
+scenario's truth; the recorder serving with --listen."""
 import csv
 import json
 import re
 import socket
+import threading
+import time
+
+import pytest
+
+from board_truth import check_loading, wall_to_monotonic
+from conftest import hang_bound
 
 MIB = 1 << 20
 RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
@@ -61,7 +69,83 @@ def prom_samples(text):
     return samples
 
 
+def check_exposed(got, t, r, delay_s, ddr_live=True):
+    """The series of one exposition ({(name, labels): value}, in the report's
+    order unless a server sorted them) against the scenario's truth: loading at
+    the sample's time, DDR, heaps, ION holders."""
+    rows = [(dict(labels)["engine"] + dict(labels)["core"], v * 100)
+            for (name, labels), v in got.items() if name == "kvt_zqp_loading_ratio"]
+    rows.sort(key=lambda row: t["rows"].index(row[0]) if row[0] in t["rows"] else -1)
+    assert [label for label, _ in rows] == t["rows"]
+    at = wall_to_monotonic(got[("kvt_zqp_sample_timestamp_seconds", ())])
+    assert check_loading(r.dsp().loading(t["loading"], at, delay_s), t, rows) == []
+    assert got[("kvt_zqp_ddr_figures_live", ())] == int(ddr_live)
+    for direction in ("read", "write"):
+        key = ("kvt_zqp_ddr_bandwidth_bytes_per_second", (("direction", direction),))
+        assert got.get(key) == (t["ddr"][direction] * MIB if ddr_live else None)
+    for name, h in t["heaps"].items():
+        for metric, value in (("size", h["total"]), ("used", h["used"]),
+                              ("free", h["total"] - h["used"])):
+            assert got[(f"kvt_zqp_heap_{metric}_bytes", (("heap", name),))] == value
+    pids = r.pids()
+    for name, p in t["processes"].items():
+        key = (("name", name), ("pid", str(pids[name])))
+        assert got[("kvt_zqp_process_ion_bytes", key)] == p["ion_bytes"]
+    assert abs(got[("kvt_zqp_sample_timestamp_seconds", ())] - time.time()) < 600
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
+
+
+# The recorder on the board (argv: binary, port, then its other options) until
+# the test creates "stop" in the board's folder; "kill-ddr" there first kills
+# the DDR tool.
+SERVICE = r"""
+rec=$1; port=$2; shift 2
+"$rec" --listen "127.0.0.1:$port" "$@" & r=$!
+until [ -e "$KZM_SIM_WORKDIR/stop" ]; do
+  if [ -e "$KZM_SIM_WORKDIR/kill-ddr" ] && [ ! -e "$KZM_SIM_WORKDIR/ddr-killed" ]; then
+    pkill -KILL -x plox_ddr && : >"$KZM_SIM_WORKDIR/ddr-killed"
+  fi
+  sleep 0.05
+done
+kill -TERM $r
+wait $r
+"""
+
+
+def wait_until(what, seconds, check):
+    """check()'s first true value, trying every 0.1 s; fails after the (hang) bound."""
+    end = time.monotonic() + hang_bound(seconds)
+    while time.monotonic() < end:
+        value = check()
+        if value:
+            return value
+        time.sleep(0.1)
+    pytest.fail(f"{what}: not within {hang_bound(seconds)} s")
+
+
+class Service:
+    """The recorder serving on the board in a thread; its BoardRun once stopped."""
+
+    def __init__(self, run_on_board, tmp_path, record_binary, options):
+        self.port, self.folder = free_port(), tmp_path / "board1"
+        self.run = None
+        args = ["sh", "-c", SERVICE, "sh", record_binary, str(self.port), *options]
+        self.thread = threading.Thread(
+            target=lambda: setattr(self, "run", run_on_board("full", args, timeout=240)))
+        self.thread.start()
+
+    def signal(self, name):
+        wait_until("the board's folder", 60,
+                   lambda: self.folder.is_dir() or not self.thread.is_alive())
+        if self.thread.is_alive():
+            (self.folder / name).touch()
+
+    def stop(self):
+        self.signal("stop")
+        self.thread.join()
+        return self.run

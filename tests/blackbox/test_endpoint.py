@@ -1,7 +1,8 @@
 """kvt_zqp_record --listen on the simulated board: a real Prometheus server
 scraping the endpoint (and node_exporter's textfile job beside it) and
 answering the shipped Grafana dashboard's queries, a recording backfilled
-into a real server, and the endpoint under load and abuse on loopback.
+into a real server, and the endpoint (its history too) under load and abuse on
+loopback.
 
 The dashboard's variables are substituted as Grafana does for a data source
 scraping every second ($__rate_interval: four scrapes, $__range: the
@@ -26,63 +27,14 @@ import pytest
 
 from board_truth import check_loading, wall_to_monotonic
 from conftest import REPO, SLOWDOWN, hang_bound
-from recordings import MIB, free_port, prom_samples
+from recordings import MIB, Service, free_port, prom_samples, wait_until
 
 DASHBOARD = REPO / "packaging" / "grafana" / "kvt_zqp.json"
 RULES = REPO / "packaging" / "kvt_zqp.rules.yml"
 DATASOURCE = {"type": "prometheus", "uid": "${datasource}"}
 
-# The recorder on the board (argv: binary, port, then its other options) until
-# the test creates "stop" in the board's folder; "kill-ddr" there first kills
-# the DDR tool.
-SERVICE = r"""
-rec=$1; port=$2; shift 2
-"$rec" --listen "127.0.0.1:$port" "$@" & r=$!
-until [ -e "$KZM_SIM_WORKDIR/stop" ]; do
-  if [ -e "$KZM_SIM_WORKDIR/kill-ddr" ] && [ ! -e "$KZM_SIM_WORKDIR/ddr-killed" ]; then
-    pkill -KILL -x plox_ddr && : >"$KZM_SIM_WORKDIR/ddr-killed"
-  fi
-  sleep 0.05
-done
-kill -TERM $r
-wait $r
-"""
 OPEN_METRICS = ("application/openmetrics-text;version=1.0.0,application/openmetrics-text;"
                 "version=0.0.1;q=0.75,text/plain;version=0.0.4;q=0.5,*/*;q=0.1")
-
-
-def wait_until(what, seconds, check):
-    """check()'s first true value, trying every 0.1 s; fails after the (hang) bound."""
-    end = time.monotonic() + hang_bound(seconds)
-    while time.monotonic() < end:
-        value = check()
-        if value:
-            return value
-        time.sleep(0.1)
-    pytest.fail(f"{what}: not within {hang_bound(seconds)} s")
-
-
-class Service:
-    """The recorder serving on the board in a thread; its BoardRun once stopped."""
-
-    def __init__(self, run_on_board, tmp_path, record_binary, options):
-        self.port, self.folder = free_port(), tmp_path / "board1"
-        self.run = None
-        args = ["sh", "-c", SERVICE, "sh", record_binary, str(self.port), *options]
-        self.thread = threading.Thread(
-            target=lambda: setattr(self, "run", run_on_board("full", args, timeout=240)))
-        self.thread.start()
-
-    def signal(self, name):
-        wait_until("the board's folder", 60,
-                   lambda: self.folder.is_dir() or not self.thread.is_alive())
-        if self.thread.is_alive():
-            (self.folder / name).touch()
-
-    def stop(self):
-        self.signal("stop")
-        self.thread.join()
-        return self.run
 
 
 def start_prometheus(tmp_path, config="", data=None):
@@ -357,12 +309,40 @@ def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
             counts.append(n)
             connection.close()
 
-        threads = [threading.Thread(target=scraper, args=(i,)) for i in range(20)]
+        # And 20 pages on another address (each address may hold 32
+        # connections) polling the history at the interval, each from its
+        # latest record on: each must hold every record, in order.
+        polled = []
+
+        def poller(i):
+            connection, since, got = http.client.HTTPConnection(
+                "127.0.0.1", service.port, timeout=hang_bound(10),
+                source_address=("127.0.0.2", 0)), None, []
+            start = time.monotonic()
+            while time.monotonic() - start < 60:
+                try:
+                    connection.request("GET", "/api/v1/history" + (
+                        "" if since is None else f"?since={since}"))
+                    answer = json.load(connection.getresponse())
+                    got += [r["elapsed_s"] for r in answer["records"]]
+                    since = answer["latest_elapsed_ms"]
+                except (OSError, http.client.HTTPException, ValueError) as e:
+                    failures.append(("page", i, repr(e)))
+                    connection.close()
+                time.sleep(0.5)
+            polled.append(got)
+            connection.close()
+
+        threads = [threading.Thread(target=scraper, args=(i,)) for i in range(20)] + [
+            threading.Thread(target=poller, args=(i,)) for i in range(20)]
         for thread in threads:
             thread.start()
         for thread in threads:
             thread.join()
-        assert (failures, len(counts)) == ([], 20)
+        every = [r["elapsed_s"] for r in json.load(urllib.request.urlopen(
+            f"http://127.0.0.1:{service.port}/api/v1/history", timeout=hang_bound(10)))["records"]]
+        assert (failures, len(counts), len(polled)) == ([], 20, 20)
+        assert all(got == every[:len(got)] and len(got) > len(every) - 4 for got in polled)
 
         # Bad requests get their 4xx or 5xx and change nothing (the unit test
         # pins the other statuses' answers).
@@ -370,14 +350,17 @@ def test_endpoint_under_load_and_abuse(run_on_board, record_binary, tmp_path):
             "127.0.0.1", service.port, timeout=hang_bound(10)), "text/plain")[1])
         bad = [raw(service.port, request) for request in (
             b"GET /" + b"m" * 20000 + b" HTTP/1.1\r\nHost: x\r\n\r\n",
-            b"GET /metrics\r\n\r\n", b"GET /metrics HTTP/7.1\r\n\r\n")]
+            b"GET /metrics\r\n\r\n", b"GET /metrics HTTP/7.1\r\n\r\n",
+            b"GET /api/v1/history?since=1e3 HTTP/1.1\r\nHost: x\r\n\r\n",
+            b"GET /api/v1/history?since=" + b"9" * 5000 + b" HTTP/1.1\r\nHost: x\r\n\r\n")]
         after = prom_samples(scrape(http.client.HTTPConnection(
             "127.0.0.1", service.port, timeout=hang_bound(10)), "text/plain")[1])
     finally:
         r = service.stop()
     assert (r.returncode, r.stdout, r.stderr) == (0, "", "")
     assert bad == ["HTTP/1.1 414 URI Too Long", "HTTP/1.1 400 Bad Request",
-                   "HTTP/1.1 505 HTTP Version Not Supported"]
+                   "HTTP/1.1 505 HTTP Version Not Supported", "HTTP/1.1 400 Bad Request",
+                   "HTTP/1.1 400 Bad Request"]
     assert set(before) == set(after) and len(before) > 20
 
 

@@ -147,6 +147,9 @@ def processes(value):
     (["--summary=", "true"], REC + "the summary file name is empty\n"),
     (["-o", ""], REC + "the output file name is empty\n"),
     (["--listen=:65536"], REC + "listen port '65536' is not a number from 0 to 65535\n"),
+    *[(["--listen=:0", "--history", m], REC + "--history takes a number of minutes from 1 to 60, "
+       f"not '{m}'\n") for m in ("0", "61", "1.5", "")],
+    (["--history", "5"], REC + "--history needs --listen\n"),
 ], ids=lambda v: " ".join(v) if isinstance(v, list) else "")
 def test_recorder_refusals(record_binary, tmp_path, args, err):
     assert run(record_binary, args, "kvt_zqp_record", tmp_path) == ("", err, 1)

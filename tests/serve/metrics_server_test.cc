@@ -1,5 +1,7 @@
 #include "serve/metrics_server.h"
 
+#include "record/history.h"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -84,6 +86,7 @@ class ServerTest : public ::testing::Test {
   void SetUp() override {
     ServerLimits limits;
     limits.idle_timeout_s = 3;
+    server.ServeHistory(&history);
     port = Serve(server, limits);
   }
 
@@ -139,6 +142,7 @@ class ServerTest : public ::testing::Test {
     return out;
   }
 
+  record::History history{1000, 2000, 0};
   MetricsServer server;
   int port = 0;
 };
@@ -169,7 +173,7 @@ TEST_F(ServerTest, AnswersEachRequest) {
     std::string request;
     std::string summary;
   };
-  const std::vector<Case> cases = {
+  std::vector<Case> cases = {
       {get + "\r\n", "HTTP/1.1 200 OK | " + text + " | a 1\n"},
       {get + "Accept: text/plain;q=0.5,application/openmetrics-text\r\n\r\n",
        "HTTP/1.1 200 OK | " + open_metrics + " | a 1\n# EOF\n"},
@@ -191,7 +195,16 @@ TEST_F(ServerTest, AnswersEachRequest) {
            " | Connection: close | 413 no request body expected\n"},
       {get + "X: " + std::string(20000, 'x') + "\r\n\r\n",
        "HTTP/1.1 431 Request Header Fields Too Large"},
+      {"GET /api/v1/history?since=2 HTTP/1.1\r\nHost: x\r\n\r\n",
+       "HTTP/1.1 200 OK | Content-Type: application/json | {\"interval_ms\":1000,\"history_ms\":"
+       "2000,\"latest_elapsed_ms\":0,\"records\":[]}\n"},
   };
+  for (const char* since : {"x", "", "-1", "1e3", "+5", "1000000000000001"}) {
+    cases.push_back(
+        {"GET /api/v1/history?since=" + std::string(since) + " HTTP/1.1\r\nHost: x\r\n\r\n",
+         "HTTP/1.1 400 Bad Request | " + plain +
+             " | 400 since is not a number of milliseconds from 0 to 10^15\n"});
+  }
   for (const Case& c : cases) {
     const std::string got = Summary(Get(c.request));
     EXPECT_EQ(got.substr(0, c.summary.size()), c.summary) << c.request.substr(0, 80);
