@@ -120,7 +120,6 @@ ENDINGS = [
     ("file-size-limit", 'exec prlimit --fsize=1536 "$1" -d 100 -o "$2"', 1, ": File too large\n", 4),
     # The signal comes once three records are written (a header and three rows).
     ("sigterm", '"$1" -d 200 -o "$2" & ' + UNTIL_THREE + 'kill -TERM $!; wait $!', 0, "", 3),
-    ("sigint", '"$1" -d 200 -o "$2" & ' + UNTIL_THREE + 'kill -INT $!; wait $!', 0, "", 3),
 ]
 
 
