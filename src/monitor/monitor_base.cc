@@ -1,8 +1,10 @@
 #include "monitor/monitor_base.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <limits>
 
@@ -112,6 +114,12 @@ std::vector<float> MonitorBase::LoadingSnapshot() const {
   return values;
 }
 
+void MonitorBase::BeginSample() {
+  std::atomic_ref<std::uint64_t>(sample_sequence)
+      .store(sample_sequence + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+}
+
 void MonitorBase::CountBusy(std::uint32_t core) {
   if (core < busy_total.size()) {
     std::atomic_ref<std::uint64_t>(busy_total[core])
@@ -120,21 +128,29 @@ void MonitorBase::CountBusy(std::uint32_t core) {
 }
 
 void MonitorBase::CountSample() {
-  // Published after the busy counts: a reader that loads the busy counts
-  // after this never sees fewer samples than busy ones for long.
-  std::atomic_ref<std::uint64_t>(samples_total).store(samples_total + 1, std::memory_order_release);
+  std::atomic_ref<std::uint64_t>(sample_sequence)
+      .store(sample_sequence + 1, std::memory_order_release);
 }
 
 MonitorBase::SampleCounts MonitorBase::CountsSnapshot() const {
+  std::atomic_ref<std::uint64_t> sequence(const_cast<std::uint64_t&>(sample_sequence));
   SampleCounts counts;
-  counts.samples = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(samples_total))
-                       .load(std::memory_order_acquire);
   counts.busy.resize(busy_total.size());
-  for (std::size_t i = 0; i < busy_total.size(); ++i) {
-    counts.busy[i] = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(busy_total[i]))
-                         .load(std::memory_order_relaxed);
+  for (;;) {
+    const std::uint64_t before = sequence.load(std::memory_order_acquire);
+    for (std::size_t i = 0; i < busy_total.size(); ++i) {
+      counts.busy[i] = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(busy_total[i]))
+                           .load(std::memory_order_relaxed);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if ((before & 1) == 0 && sequence.load(std::memory_order_relaxed) == before) {
+      counts.samples = before / 2;
+      return counts;
+    }
+    // The worker is inside a pass: a handful of loads, unless it was
+    // preempted there.
+    sched_yield();
   }
-  return counts;
 }
 
 }  // namespace kestro::zqp::monitor

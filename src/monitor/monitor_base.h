@@ -60,7 +60,9 @@ class MonitorBase {
   // core the busy ones among them. Differences of two snapshots give the
   // share over exactly the time between them, whatever the sampler's own
   // window. Samplers count only in a read-only configuration (the
-  // recorder); other monitors have samples 0 and busy counts of 0.
+  // recorder); other monitors have samples 0 and busy counts of 0. A
+  // snapshot is whole: its busy counts belong to exactly its samples, never
+  // to a pass the worker is in the middle of.
   struct SampleCounts {
     std::uint64_t samples = 0;
     std::vector<std::uint64_t> busy;
@@ -79,8 +81,9 @@ class MonitorBase {
   // What a slot holds when there is no figure to vouch for: 0 for the
   // monitor, whose report always shows a number; NaN for a read-only program.
   float NoFigure() const;
-  // The sampler's worker, in one pass: CountBusy for each core found busy,
-  // then CountSample. Plain stores: the worker is the only writer.
+  // The sampler's worker, in one pass: BeginSample, CountBusy for each core
+  // found busy, then CountSample. Plain stores: the worker is the only writer.
+  void BeginSample();
   void CountBusy(std::uint32_t core);
   void CountSample();
 
@@ -90,10 +93,13 @@ class MonitorBase {
   // Written by workers and read by the report only through std::atomic_ref,
   // so the layout stays a plain vector of 32-bit floats.
   std::vector<float> loading;
-  // CountSample's totals, written by the one worker and read by
+  // The passes' totals, written by the one worker and read by
   // CountsSnapshot through std::atomic_ref; sized with the slots.
   std::vector<std::uint64_t> busy_total;
-  std::uint64_t samples_total = 0;
+  // Twice the samples taken, plus one while a pass is counting: a reader
+  // that sees the same even value before and after loading the busy counts
+  // has loaded them whole.
+  std::uint64_t sample_sequence = 0;
   std::string name;
   std::uint32_t frequency;
   std::uint32_t delay;

@@ -15,6 +15,7 @@ void StatusMonitor::InitCoreStats() {
 
 void StatusMonitor::Sample() {
   ++sample_count;
+  if (read_only) BeginSample();
   const bool interval_done = sample_count >= samples_per_interval;
   for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
     if (IsCoreBusy(i)) {

@@ -19,8 +19,7 @@ std::vector<float> LoadingIntervals::Since(std::size_t index, const monitor::Mon
                                                  ? 0.0f
                                                  : std::numeric_limits<float>::quiet_NaN());
   for (std::size_t core = 0; samples != 0 && core < values.size(); ++core) {
-    // The busy counts may run one pass ahead of the sample count.
-    const std::uint64_t busy = std::min(now.busy[core] - before.busy[core], samples);
+    const std::uint64_t busy = now.busy[core] - before.busy[core];
     values[core] = static_cast<float>(busy) / static_cast<float>(samples) * 100.0f;
   }
   before = std::move(now);

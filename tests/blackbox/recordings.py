@@ -7,14 +7,55 @@ import re
 import socket
 import threading
 import time
+from datetime import datetime, timezone
 
 import pytest
 
-from board_truth import check_loading, wall_to_monotonic
+from board_truth import DspActivity, check_loading, wall_to_monotonic
 from conftest import hang_bound
 
 MIB = 1 << 20
 RFC3339 = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+
+
+def record_wall(record):
+    """A record's RFC 3339 time as seconds since the epoch (time.time())."""
+    return datetime.strptime(record["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
+        tzinfo=timezone.utc).timestamp()
+
+
+# The recorder's sampler runs all the time, so a record taken at T shows the
+# last window of about one delay (longer on a loaded machine) that ended by T.
+# It sees a new client or a death up to one refresh (50 ms) late.
+REFRESH_S = 0.05
+STRETCH = 1.5
+
+
+def recorded_dsp_problems(records, workdir, delay_s, tol):
+    """Each record's DSP figures against what the clients really did."""
+    activity = DspActivity(workdir)
+    problems = []
+    for r in records:
+        at = wall_to_monotonic(record_wall(r))
+        for figure in r["loading"]:
+            got, core = figure["percent"], figure["core"]
+            if got is None:
+                # Only before the first window can have ended.
+                if r["elapsed_s"] > delay_s * STRETCH:
+                    problems.append(f'{r["elapsed_s"]}s {figure["label"]}: missing')
+                continue
+            shares = [activity.share(core, end - length, end)
+                      for length in (delay_s, delay_s * STRETCH)
+                      for end in (at - i * 0.01 for i in range(int(length * 100) + 1))]
+            # Only a client's arrival or end can be seen late.
+            moved = any(at - delay_s * STRETCH - REFRESH_S <= t <= at
+                        for start, end, _, cores, _ in activity.clients if cores >> core & 1
+                        for t in (start, end))
+            slack = tol + (100 * REFRESH_S / delay_s if moved else 0.0)
+            if not min(shares) - slack <= got <= max(shares) + slack:
+                problems.append(f'{r["elapsed_s"]}s {figure["label"]}: got {got}, want '
+                                f'{min(shares):.1f}..{max(shares):.1f} +/- {slack:.1f}')
+    return problems
 
 
 def number(cell, kind=int):

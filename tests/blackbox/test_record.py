@@ -4,21 +4,19 @@ Prometheus file, through node_exporter and a server: test_endpoint.py.)"""
 import re
 import subprocess
 import time
-from datetime import datetime, timezone
 
 import pytest
 
 from board_truth import WINDOW_STRETCH, check_loading, wall_to_monotonic
 from conftest import REPO
-from recordings import MIB, RFC3339, csv_records, json_records
+from recordings import MIB, RFC3339, csv_records, json_records, record_wall
 
 def check_records(records, t, count, delay_s, run):
     """The records against the truth; the DSP figures against what the board's
     clients really did, at the time each record was really taken."""
     assert len(records) == count
     assert [r["time"] for r in records if not RFC3339.match(r["time"])] == []
-    walls = [datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(
-        tzinfo=timezone.utc).timestamp() for r in records]
+    walls = [record_wall(r) for r in records]
     start = walls[0] - records[0]["elapsed_s"]
     for i, (r, wall) in enumerate(zip(records, walls)):
         assert abs(wall - time.time()) < 600  # UTC, not local time

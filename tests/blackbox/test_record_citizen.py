@@ -11,13 +11,13 @@ import signal
 import socket
 import stat
 import subprocess
-from datetime import datetime, timezone
 from types import SimpleNamespace
 
 import pytest
 
-from board_truth import EMULATED, DspActivity, check_loading, wall_to_monotonic
+from board_truth import EMULATED, check_loading
 from conftest import board_file
+from recordings import recorded_dsp_problems
 from report_layout import values, well_formed
 
 NOBODY = 65534
@@ -321,37 +321,6 @@ def test_descriptor_limit_raised_for_the_programs_not_for_the_tool(run_on_board,
     assert len(limits) == 2 and all(soft == hard for soft, hard in limits), limits
     tool = [json.loads(line) for line in r.log("ddr_limits.log").splitlines()]
     assert [soft for soft, _ in tool] == [1024, 1024]
-
-
-# The recorder's sampler runs all the time, so a record taken at T shows the
-# last window of about one delay (longer on a loaded machine) that ended by T.
-# It sees a new client or a death up to one refresh (50 ms) late.
-REFRESH_S = 0.05
-STRETCH = 1.5
-
-
-def recorded_dsp_problems(records, workdir, delay_s, tol):
-    """Each record's DSP figures against what the clients really did."""
-    activity = DspActivity(workdir)
-    problems = []
-    for r in records:
-        wall = datetime.strptime(r["time"], "%Y-%m-%dT%H:%M:%S.%fZ").replace(tzinfo=timezone.utc)
-        at = wall_to_monotonic(wall.timestamp())
-        for figure in r["loading"]:
-            got, core = figure["percent"], figure["core"]
-            if got is None:
-                # Only before the first window can have ended.
-                if r["elapsed_s"] > delay_s * STRETCH:
-                    problems.append(f'{r["elapsed_s"]}s {figure["label"]}: missing')
-                continue
-            shares = [activity.share(core, end - length, end)
-                      for length in (delay_s, delay_s * STRETCH)
-                      for end in (at - i * 0.01 for i in range(int(length * 100) + 1))]
-            slack = tol + 100 * REFRESH_S / delay_s
-            if not min(shares) - slack <= got <= max(shares) + slack:
-                problems.append(f'{r["elapsed_s"]}s {figure["label"]}: got {got}, want '
-                                f'{min(shares):.1f}..{max(shares):.1f} +/- {slack:.1f}')
-    return problems
 
 
 @pytest.mark.parametrize("first", ["recorder", "monitor"])
