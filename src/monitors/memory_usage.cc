@@ -1,9 +1,12 @@
 #include "monitors/memory_usage.h"
 
+#include <stdio_ext.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +18,7 @@
 namespace kestro::zqp::monitors {
 namespace {
 
+constexpr std::size_t kHeapReadSize = 64 * 1024;
 constexpr std::size_t kNoColumn = std::numeric_limits<std::size_t>::max();
 
 enum class SectionState { kSeekTotal, kClientRows, kAllocationHeader, kAllocationRows };
@@ -25,6 +29,8 @@ struct Columns {
   std::size_t tgid = kNoColumn;
   std::size_t size = kNoColumn;
   std::size_t type = kNoColumn;
+  // The fields a row must have, and the most it needs split.
+  std::size_t needed = 4;
 };
 
 bool Contains(const HeapLineBuffer& line, const char* marker) {
@@ -54,6 +60,7 @@ bool ReadHeader(const std::vector<std::string_view>& fields, const HeapLineBuffe
     return !Contains(line, "total");
   }
   if (found.tgid == kNoColumn) return false;
+  found.needed = std::max({found.needed, found.client + 1, found.tgid + 1, found.size + 1});
   columns = found;
   complete = true;
   return true;
@@ -61,11 +68,13 @@ bool ReadHeader(const std::vector<std::string_view>& fields, const HeapLineBuffe
 
 }  // namespace
 
-void AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
-                      std::uint64_t size) {
+ProcessMemory& AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
+                                std::uint64_t size) {
   // operator[] value-initialises a new entry: rss_kb 0, empty name.
-  usage.processes[pid].ion_bytes += size;
+  ProcessMemory& process = usage.processes[pid];
+  process.ion_bytes += size;
   usage.heap_used[heap_index] += size;
+  return process;
 }
 
 void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* file,
@@ -93,8 +102,7 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
         std::uint64_t size = 0;
         if (std::sscanf(line.data(), "%*s %23s %" SCNd32 " %" SCNu64 "\n", name, &pid, &size) ==
             3) {
-          AddProcessMemory(usage, heap_index, pid, size);
-          SetName(usage.processes[pid], name);
+          SetName(AddProcessMemory(usage, heap_index, pid, size), name);
         } else if (Contains(line, "allocations")) {
           state = SectionState::kAllocationHeader;
         }
@@ -111,9 +119,9 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
         break;
       }
       case SectionState::kAllocationRows: {
-        SplitFields(line.data(), ' ', fields);
-        const bool shaped = fields.size() >= 4 && columns.client < fields.size() &&
-                            columns.tgid < fields.size() && columns.size < fields.size();
+        // The columns after the last one read are not split.
+        SplitFields(line.data(), ' ', fields, columns.needed);
+        const bool shaped = fields.size() == columns.needed;
         const std::optional<std::int32_t> pid =
             shaped ? base::ParseDecimal<std::int32_t>(fields[columns.tgid]) : std::nullopt;
         const std::optional<std::uint64_t> size =
@@ -129,8 +137,7 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
           usage.processes.clear();
           usage.heap_used[heap_index] = 0;
         }
-        AddProcessMemory(usage, heap_index, *pid, *size);
-        SetName(usage.processes[*pid], fields[columns.client]);
+        SetName(AddProcessMemory(usage, heap_index, *pid, *size), fields[columns.client]);
         break;
       }
     }
@@ -143,6 +150,12 @@ int CollectMemoryUsage(MemoryUsage& usage) {
       std::fopen(base::BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
   usage.heap_current.fill(false);
   if (file == nullptr) return 0;
+  // A heap text of thousands of allocation rows is hundreds of kilobytes: read
+  // it in a few large reads rather than a page at a time, and line by line
+  // without stdio's lock (the stream is this function's own).
+  const std::unique_ptr<char[]> buffer(new char[kHeapReadSize]);
+  std::setvbuf(file, buffer.get(), _IOFBF, kHeapReadSize);
+  __fsetlocking(file, FSETLOCKING_BYCALLER);
   HeapLineBuffer line{};
   while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
     if (line[0] == '-') continue;

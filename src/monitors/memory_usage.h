@@ -59,8 +59,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
 
 // Counts one allocation of size bytes of heap heap_index for pid: adds it to
 // the pid's ion_bytes (inserting the pid with rss_kb 0 and an empty name when
-// absent) and to heap_used[heap_index].
-void AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
-                      std::uint64_t size);
+// absent) and to heap_used[heap_index]. Returns the pid's entry.
+ProcessMemory& AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std::int32_t pid,
+                                std::uint64_t size);
 
 }  // namespace kestro::zqp::monitors

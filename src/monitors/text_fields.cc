@@ -33,7 +33,8 @@ std::string_view Trim(std::string_view piece) {
 }
 
 // Trimming never turns a blank piece into nothing.
-inline void AddPiece(std::vector<std::string_view>& fields, std::string_view piece) {
+[[gnu::always_inline]] inline void AddPiece(std::vector<std::string_view>& fields,
+                                            std::string_view piece) {
   // Most pieces are words: no white space at either end to trim.
   if (piece.empty() || (!IsSpace(piece.front()) && !IsSpace(piece.back()))) {
     fields.push_back(piece);
@@ -83,15 +84,19 @@ const char* SkipByte(const char* p, const char* end, char c) {
 
 }  // namespace
 
-void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields) {
+void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields,
+                 std::size_t limit) {
   fields.clear();
+  if (limit == 0) return;
   const char* const end = text.data() + text.size();
   const char* start = text.data();
   for (;;) {
     const char* const stop = FindByte(start, end, delimiter);
     if (stop == end) break;
-    if (stop != start)
+    if (stop != start) {
       AddPiece(fields, std::string_view(start, static_cast<std::size_t>(stop - start)));
+      if (fields.size() == limit) return;
+    }
     // The empty pieces between the delimiters of a run are dropped.
     start = SkipByte(stop + 1, end, delimiter);
   }

@@ -2,6 +2,7 @@
 // process-name check.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -17,8 +18,10 @@ namespace kestro::zqp::monitors {
 // which must outlive them.
 std::vector<std::string_view> SplitFields(std::string_view text, char delimiter);
 // The same into fields, cleared first, so a caller splitting many lines keeps
-// one vector's storage.
-void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields);
+// one vector's storage; at most limit of them (the first limit of the whole
+// split), so a caller that reads the first columns leaves the rest unsplit.
+void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields,
+                 std::size_t limit = SIZE_MAX);
 
 // True when some process under /proc has a first command-line argument whose
 // part after the last '/' begins with name. False when none does, or after

@@ -273,6 +273,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   add(rest.substr(start));
   if (monitors::SplitFields(rest, text[0]) != plain) std::abort();
+  // A limited split is the whole split's first fields.
+  std::vector<std::string_view> first;
+  monitors::SplitFields(rest, text[0], first, size % 7);
+  if (first != std::vector(plain.begin(), plain.begin() + std::min(size % 7, plain.size())))
+    std::abort();
   for (const std::string_view field : plain) {
     std::uint64_t want = 0;
     const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), want);
