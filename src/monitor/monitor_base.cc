@@ -117,13 +117,14 @@ std::vector<float> MonitorBase::LoadingSnapshot() const {
 void MonitorBase::BeginSample() {
   std::atomic_ref<std::uint64_t>(sample_sequence)
       .store(sample_sequence + 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
 }
 
 void MonitorBase::CountBusy(std::uint32_t core) {
+  // Release: a reader that loads this count also sees the pass begun, and
+  // tries again.
   if (core < busy_total.size()) {
     std::atomic_ref<std::uint64_t>(busy_total[core])
-        .store(busy_total[core] + 1, std::memory_order_relaxed);
+        .store(busy_total[core] + 1, std::memory_order_release);
   }
 }
 
@@ -140,9 +141,8 @@ MonitorBase::SampleCounts MonitorBase::CountsSnapshot() const {
     const std::uint64_t before = sequence.load(std::memory_order_acquire);
     for (std::size_t i = 0; i < busy_total.size(); ++i) {
       counts.busy[i] = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(busy_total[i]))
-                           .load(std::memory_order_relaxed);
+                           .load(std::memory_order_acquire);
     }
-    std::atomic_thread_fence(std::memory_order_acquire);
     if ((before & 1) == 0 && sequence.load(std::memory_order_relaxed) == before) {
       counts.samples = before / 2;
       return counts;
