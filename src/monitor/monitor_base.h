@@ -81,8 +81,9 @@ class MonitorBase {
   // What a slot holds when there is no figure to vouch for: 0 for the
   // monitor, whose report always shows a number; NaN for a read-only program.
   float NoFigure() const;
-  // The sampler's worker, in one pass: BeginSample, CountBusy for each core
-  // found busy, then CountSample. Plain stores: the worker is the only writer.
+  // The sampler's worker, once every core has answered: BeginSample,
+  // CountBusy for each core found busy, then CountSample. Atomic stores of
+  // the one writer, the worker.
   void BeginSample();
   void CountBusy(std::uint32_t core);
   void CountSample();

@@ -11,17 +11,15 @@ StatusMonitor::StatusMonitor(const MonitorConfig& config,
 void StatusMonitor::InitCoreStats() {
   busy_counts.resize(loading_num);
   loading_values.resize(loading_num);
+  busy_now.resize(loading_num);
 }
 
 void StatusMonitor::Sample() {
   ++sample_count;
-  if (read_only) BeginSample();
   const bool interval_done = sample_count >= samples_per_interval;
   for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
-    if (IsCoreBusy(i)) {
-      ++busy_counts[i];
-      if (read_only) CountBusy(i);
-    }
+    busy_now[i] = IsCoreBusy(i);
+    if (busy_now[i]) ++busy_counts[i];
     if (interval_done) {
       loading_values[i] =
           static_cast<float>(busy_counts[i]) / static_cast<float>(sample_count) * 100.0f;
@@ -31,7 +29,13 @@ void StatusMonitor::Sample() {
   }
   // Only a recording reads the running counts: the monitor's loop does no
   // more than it did.
-  if (read_only) CountSample();
+  if (read_only) {
+    BeginSample();
+    for (std::uint32_t i = 0; i < loading_values.size(); ++i) {
+      if (busy_now[i]) CountBusy(i);
+    }
+    CountSample();
+  }
   if (interval_done) sample_count = 0;
 }
 

@@ -38,6 +38,10 @@ class StatusMonitor : public MonitorBase {
   std::uint32_t sample_count = 0;
   std::vector<std::uint32_t> busy_counts;
   std::vector<float> loading_values;
+  // This pass's answers, counted for a recording only once every core has
+  // answered: a reader waits while a pass counts, and must never wait on a
+  // core's answer.
+  std::vector<std::uint8_t> busy_now;
 };
 
 }  // namespace kestro::zqp::monitor
