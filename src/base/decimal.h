@@ -13,8 +13,29 @@ namespace kestro::zqp::base {
 
 // The value of text when the whole of it is decimal digits (one or more) of a
 // value below 2^64; nullopt otherwise (empty, a sign, a blank, any other byte,
-// a larger value).
-std::optional<std::uint64_t> ParseDigits(std::string_view text);
+// a larger value). Inline: heap tables hold thousands of rows, each with a
+// pid and a size.
+inline std::optional<std::uint64_t> ParseDigits(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  std::uint64_t value = 0;
+  // Nineteen digits cannot overflow 64 bits, so most numbers skip the tests.
+  if (text.size() <= 19) {
+    for (const char c : text) {
+      const auto digit = static_cast<unsigned char>(c - '0');
+      if (digit > 9) return std::nullopt;
+      value = value * 10 + digit;
+    }
+    return value;
+  }
+  for (const char c : text) {
+    const auto digit = static_cast<unsigned char>(c - '0');
+    if (digit > 9 || __builtin_mul_overflow(value, 10u, &value) ||
+        __builtin_add_overflow(value, digit, &value)) {
+      return std::nullopt;
+    }
+  }
+  return value;
+}
 
 // The whole of text as a decimal integer from low to high: a '-' first only
 // where low is negative, then digits as ParseDigits reads them; nothing else

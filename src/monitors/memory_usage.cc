@@ -1,18 +1,19 @@
 #include "monitors/memory_usage.h"
 
-#include <stdio_ext.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <limits>
-#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/board_path.h"
 #include "base/decimal.h"
+#include "monitors/heap_line_reader.h"
 #include "monitors/text_fields.h"
 
 namespace kestro::zqp::monitors {
@@ -33,9 +34,21 @@ struct Columns {
   std::size_t needed = 4;
 };
 
-bool Contains(const HeapLineBuffer& line, const char* marker) {
-  return std::strstr(line.data(), marker) != nullptr;
+// Splits of a line: a line of kHeapLineSize - 1 bytes has at most this many.
+using LineFields = std::array<std::string_view, kHeapLineSize / 2>;
+
+bool Contains(std::string_view line, std::string_view marker) {
+  return line.find(marker) != std::string_view::npos;
 }
+
+// The line as a C string, for sscanf.
+struct CLine {
+  explicit CLine(std::string_view line) {
+    std::memcpy(text, line.data(), line.size());
+    text[line.size()] = '\0';
+  }
+  char text[kHeapLineSize];
+};
 
 void SetName(ProcessMemory& process, std::string_view name) {
   const std::size_t length = std::min(name.size(), sizeof(process.name) - 1);
@@ -44,8 +57,8 @@ void SetName(ProcessMemory& process, std::string_view name) {
 }
 
 // Returns false when the header ends the section.
-bool ReadHeader(const std::vector<std::string_view>& fields, const HeapLineBuffer& line,
-                Columns& columns, bool& complete) {
+bool ReadHeader(std::span<const std::string_view> fields, std::string_view line, Columns& columns,
+                bool& complete) {
   complete = false;
   Columns found;
   if (fields.size() >= 4) {
@@ -77,21 +90,21 @@ ProcessMemory& AddProcessMemory(MemoryUsage& usage, std::size_t heap_index, std:
   return process;
 }
 
-void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* file,
-                      MemoryUsage& usage) {
+void ParseHeapSection(std::size_t heap_index, HeapLineReader& lines, MemoryUsage& usage) {
   SectionState state = SectionState::kSeekTotal;
   Columns columns;
-  // Kept across rows: an allocation table has thousands of them.
-  std::vector<std::string_view> fields;
+  LineFields fields;
   bool seen_good_row = false;
   bool done = false;
-  while (!done && std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-    if (line[0] == '-' || line[0] == '=') continue;
+  std::string_view line;
+  while (!done && lines.Next(line)) {
+    if (line.starts_with('-') || line.starts_with('=')) continue;
     switch (state) {
       case SectionState::kSeekTotal: {
-        const char* total = std::strstr(line.data(), "heap total size");
-        if (total == nullptr) break;
-        std::sscanf(total, "heap total size %" SCNu64, &usage.heap_total[heap_index]);
+        const std::size_t total = line.find("heap total size");
+        if (total == std::string_view::npos) break;
+        std::sscanf(CLine(line.substr(total)).text, "heap total size %" SCNu64,
+                    &usage.heap_total[heap_index]);
         usage.heap_used[heap_index] = 0;
         state = SectionState::kClientRows;
         break;
@@ -100,8 +113,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
         char name[24];
         std::int32_t pid = 0;
         std::uint64_t size = 0;
-        if (std::sscanf(line.data(), "%*s %23s %" SCNd32 " %" SCNu64 "\n", name, &pid, &size) ==
-            3) {
+        if (std::sscanf(CLine(line).text, "%*s %23s %" SCNd32 " %" SCNu64 "\n", name, &pid,
+                        &size) == 3) {
           SetName(AddProcessMemory(usage, heap_index, pid, size), name);
         } else if (Contains(line, "allocations")) {
           state = SectionState::kAllocationHeader;
@@ -110,8 +123,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
       }
       case SectionState::kAllocationHeader: {
         bool complete = false;
-        SplitFields(line.data(), ' ', fields);
-        if (!ReadHeader(fields, line, columns, complete)) {
+        const std::size_t count = SplitFields(line, ' ', fields);
+        if (!ReadHeader(std::span(fields.data(), count), line, columns, complete)) {
           done = true;
         } else if (complete) {
           state = SectionState::kAllocationRows;
@@ -120,8 +133,8 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
       }
       case SectionState::kAllocationRows: {
         // The columns after the last one read are not split.
-        SplitFields(line.data(), ' ', fields, columns.needed);
-        const bool shaped = fields.size() == columns.needed;
+        const bool shaped =
+            SplitFields(line, ' ', std::span(fields.data(), columns.needed)) == columns.needed;
         const std::optional<std::int32_t> pid =
             shaped ? base::ParseDecimal<std::int32_t>(fields[columns.tgid]) : std::nullopt;
         const std::optional<std::uint64_t> size =
@@ -146,27 +159,25 @@ void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* f
 }
 
 int CollectMemoryUsage(MemoryUsage& usage) {
-  std::FILE* file =
-      std::fopen(base::BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(), "re");
+  const int fd = open(base::BoardPath("/sys/kernel/debug/ion/heaps/all_heap_info").c_str(),
+                      O_RDONLY | O_CLOEXEC);
   usage.heap_current.fill(false);
-  if (file == nullptr) return 0;
+  if (fd < 0) return 0;
   // A heap text of thousands of allocation rows is hundreds of kilobytes: read
-  // it in a few large reads rather than a page at a time, and line by line
-  // without stdio's lock (the stream is this function's own).
-  const std::unique_ptr<char[]> buffer(new char[kHeapReadSize]);
-  std::setvbuf(file, buffer.get(), _IOFBF, kHeapReadSize);
-  __fsetlocking(file, FSETLOCKING_BYCALLER);
-  HeapLineBuffer line{};
-  while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-    if (line[0] == '-') continue;
+  // it in a few large reads rather than a page at a time, and split its rows
+  // where they were read.
+  HeapLineReader lines(fd, kHeapLineSize, kHeapReadSize);
+  std::string_view line;
+  while (lines.Next(line)) {
+    if (line.starts_with('-')) continue;
     int id = 0;
-    if (std::sscanf(line.data(), "the heap id is %d\n", &id) != 1) continue;
+    if (std::sscanf(CLine(line).text, "the heap id is %d\n", &id) != 1) continue;
     const auto heap = std::find(kHeapIds.begin(), kHeapIds.end(), id);
     if (heap == kHeapIds.end()) continue;
     usage.heap_current[static_cast<std::size_t>(heap - kHeapIds.begin())] = true;
-    ParseHeapSection(static_cast<std::size_t>(heap - kHeapIds.begin()), line, file, usage);
+    ParseHeapSection(static_cast<std::size_t>(heap - kHeapIds.begin()), lines, usage);
   }
-  std::fclose(file);
+  close(fd);
 
   for (auto it = usage.processes.begin(); it != usage.processes.end();) {
     char path[64];

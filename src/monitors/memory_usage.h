@@ -5,8 +5,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <unordered_map>
+
+#include "monitors/heap_line_reader.h"
 
 namespace kestro::zqp::monitors {
 
@@ -19,10 +20,9 @@ inline constexpr std::array<std::int32_t, kHeapCount> kHeapIds = {6, 4, 2, 10, 5
 inline constexpr std::array<const char*, kHeapCount> kHeapNames = {
     "cma_reserved", "ion_cma", "carveout", "ion_uncache", "custom"};
 
-// Size of the buffer that the heap file is read into, line by line; longer
+// The heap file is read line by line as into a buffer of this size: longer
 // lines are seen as several lines.
 inline constexpr std::size_t kHeapLineSize = 256;
-using HeapLineBuffer = std::array<char, kHeapLineSize>;
 
 struct ProcessMemory {
   std::uint64_t rss_kb = 0;     // VmRSS of /proc/<pid>/status, in kB
@@ -49,13 +49,12 @@ struct MemoryUsage {
 // is then all false. Prints nothing.
 int CollectMemoryUsage(MemoryUsage& usage);
 
-// Reads from file the lines of heap heap_index (0..kHeapCount-1) that follow
-// its "the heap id is" line, into line: the total, the client summary rows,
+// Reads from lines the lines of heap heap_index (0..kHeapCount-1) that follow
+// its "the heap id is" line: the total, the client summary rows,
 // the allocation table. Stops after the line that ends the table, or at end of
 // file; heap_used[heap_index] is then capped at heap_total[heap_index].
 // Malformed lines are skipped; never fails.
-void ParseHeapSection(std::size_t heap_index, HeapLineBuffer& line, std::FILE* file,
-                      MemoryUsage& usage);
+void ParseHeapSection(std::size_t heap_index, HeapLineReader& lines, MemoryUsage& usage);
 
 // Counts one allocation of size bytes of heap heap_index for pid: adds it to
 // the pid's ion_bytes (inserting the pid with rss_kb 0 and an empty name when

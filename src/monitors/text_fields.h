@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -17,11 +18,10 @@ namespace kestro::zqp::monitors {
 // delimiter yields a final empty view. Never fails. The views point into text,
 // which must outlive them.
 std::vector<std::string_view> SplitFields(std::string_view text, char delimiter);
-// The same into fields, cleared first, so a caller splitting many lines keeps
-// one vector's storage; at most limit of them (the first limit of the whole
-// split), so a caller that reads the first columns leaves the rest unsplit.
-void SplitFields(std::string_view text, char delimiter, std::vector<std::string_view>& fields,
-                 std::size_t limit = SIZE_MAX);
+// The same into fields, without allocating: at most fields.size() of them
+// (the first ones of the whole split), so a caller that reads the first
+// columns leaves the rest unsplit. Returns how many were stored.
+std::size_t SplitFields(std::string_view text, char delimiter, std::span<std::string_view> fields);
 
 // True when some process under /proc has a first command-line argument whose
 // part after the last '/' begins with name. False when none does, or after

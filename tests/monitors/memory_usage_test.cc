@@ -1,5 +1,8 @@
 #include "monitors/memory_usage.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -59,12 +62,13 @@ TEST(MemoryUsageTest, CollectsHeapsAndTheMemoryOfLiveHolders) {
 
 // Parses heap 0 of one allocation table: its header, then rows.
 MemoryUsage ParseTable(const std::string& table) {
-  std::string text = "heap total size 1000000\nallocations\n" + table + "total\n";
-  std::FILE* file = fmemopen(text.data(), text.size(), "r");
+  const std::string text = "heap total size 1000000\nallocations\n" + table + "total\n";
+  const int fd = memfd_create("heap", MFD_CLOEXEC);
+  EXPECT_EQ(pwrite(fd, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
   MemoryUsage usage;
-  HeapLineBuffer line{};
-  ParseHeapSection(0, line, file, usage);
-  std::fclose(file);
+  HeapLineReader lines(fd, kHeapLineSize, 64);
+  ParseHeapSection(0, lines, usage);
+  close(fd);
   return usage;
 }
 
