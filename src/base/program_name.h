@@ -5,5 +5,6 @@ namespace kestro::zqp::base {
 
 inline constexpr char kMonitorProgram[] = "kvt_zqp_monitor";
 inline constexpr char kRecordProgram[] = "kvt_zqp_record";
+inline constexpr char kCaptureProgram[] = "kvt_zqp_capture";
 
 }  // namespace kestro::zqp::base

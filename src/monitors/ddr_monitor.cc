@@ -281,19 +281,24 @@ void DDRMonitor::ReadLines(int read_fd, int wake) {
     // unfinished line; only a true end of file delivers it.
     if (got < 0) return;
     if (got == 0) {
-      if (!line.empty()) ParseLine(line.c_str());
+      if (!line.empty()) TakeLine(line);
       return;
     }
     for (ssize_t i = 0; i < got; ++i) {
       line.push_back(chunk[i]);
       if (chunk[i] == '\n' || line.size() == kMaxLineChars) {
-        // An embedded NUL ends the line for the parser, as it did for fgets'
-        // caller.
-        ParseLine(line.c_str());
+        TakeLine(line);
         line.clear();
       }
     }
   }
+}
+
+void DDRMonitor::TakeLine(const std::string& line) {
+  if (line_observer) line_observer(line);
+  // An embedded NUL ends the line for the parser, as it did for fgets'
+  // caller.
+  ParseLine(line.c_str());
 }
 
 pid_t DDRMonitor::ReapTool(pid_t pid, int& status) {

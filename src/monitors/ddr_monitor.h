@@ -7,9 +7,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "monitor/monitor_base.h"
@@ -74,6 +76,13 @@ class DDRMonitor : public monitor::MonitorBase {
   // How long a hung-up tool may take to end before its group is killed.
   static constexpr int kToolGraceMs = 300;
 
+  // Called on the worker with every line of the tool's output as it arrived
+  // (newline included; cut as ParseLine gets it), before ParseLine. Set
+  // before Start; the capture keeps the lines the monitor would parse.
+  void SetLineObserver(std::function<void(std::string_view)> observer) {
+    line_observer = std::move(observer);
+  }
+
   // When not already stopped: sets the stop flag, then ClosePty. Does not
   // join and never blocks, so a fatal-signal handler may call it.
   void Stop() override;
@@ -114,6 +123,9 @@ class DDRMonitor : public monitor::MonitorBase {
   // Reads the tool's output line by line, as fgets with a 511-byte size would
   // cut it, until end of output, a read error or a wake-up from ClosePty.
   void ReadLines(int read_fd, int wake);
+  // Hands a line to the observer, then to ParseLine.
+  void TakeLine(const std::string& line);
+  std::function<void(std::string_view)> line_observer;
   // Waits up to kToolGraceMs for the tool to end, kills what is left of its
   // process group and reaps it. Returns waitpid's result; status is set.
   pid_t ReapTool(pid_t pid, int& status);

@@ -365,3 +365,8 @@ def check_restored(s, tmp_path, rc):
 @pytest.fixture(scope="session")
 def record_binary():
     return program("KZM_RECORD_BINARY", "recorder")
+
+
+@pytest.fixture(scope="session")
+def capture_binary():
+    return program("KZM_CAPTURE_BINARY", "capture")

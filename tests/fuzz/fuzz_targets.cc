@@ -17,11 +17,15 @@
 #include <filesystem>
 #include <fstream>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "app/option_parser.h"
 #include "base/board_path.h"
 #include "base/decimal.h"
 #include "base/log.h"
+#include "capture/capture_format.h"
+#include "capture/capture_info.h"
 #include "monitors/ddr_monitor.h"
 #include "monitors/dsp_monitor.h"
 #include "monitors/file_monitor.h"
@@ -398,6 +402,46 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const auto& [first, last] : spare) close_range(first, last, 0);
 #elif defined(KZM_FUZZ_WRITERS)
   FuzzWriters(text);
+#elif defined(KZM_FUZZ_CAPTURE)
+  // A capture file of any bytes: --info ends with 0 or 1, and the records a
+  // reader takes from it come back the same when written again and read.
+  static const int fd = memfd_create("capture", MFD_CLOEXEC);
+  static const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  static std::FILE* const sink = std::fopen("/dev/null", "w");
+  if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) {
+    std::abort();
+  }
+  const int status = capture::DescribeCapture(path, sink, sink);
+  if (status != 0 && status != 1) std::abort();
+  std::vector<capture::CaptureReader::Record> records;
+  {
+    capture::CaptureReader reader;
+    std::string error;
+    capture::CaptureReader::Record record;
+    if (reader.Open(path, error)) {
+      while (reader.Next(record, error) == capture::CaptureReader::Status::kRecord) {
+        records.push_back(record);
+      }
+    }
+  }
+  if (records.empty()) return 0;
+  std::string again = capture::EncodeHeader();
+  for (const auto& record : records) again += capture::EncodeRecord(record.kind, record.payload);
+  if (ftruncate(fd, 0) != 0 ||
+      pwrite(fd, again.data(), again.size(), 0) != static_cast<ssize_t>(again.size())) {
+    std::abort();
+  }
+  capture::CaptureReader reader;
+  std::string error;
+  capture::CaptureReader::Record record;
+  if (!reader.Open(path, error)) std::abort();
+  for (const auto& want : records) {
+    if (reader.Next(record, error) != capture::CaptureReader::Status::kRecord ||
+        record.kind != want.kind || record.payload != want.payload) {
+      std::abort();
+    }
+  }
+  if (reader.Next(record, error) != capture::CaptureReader::Status::kEnd) std::abort();
 #endif
   return 0;
 }

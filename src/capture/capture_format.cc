@@ -1,0 +1,202 @@
+#include "capture/capture_format.h"
+
+#include <zlib.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace kestro::zqp::capture {
+namespace {
+
+// Below this a payload is stored as it is: zlib's own header and checksum
+// would eat what it saves.
+constexpr std::size_t kDeflateFrom = 96;
+
+void PutU32(std::string& out, std::uint32_t value) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
+}
+
+std::uint32_t GetU32(const unsigned char* p) {
+  return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
+         static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
+}
+
+std::uint32_t Crc(std::uint32_t crc, std::string_view bytes) {
+  return static_cast<std::uint32_t>(
+      crc32_z(crc, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size()));
+}
+
+std::optional<std::string> Deflate(std::string_view plain) {
+  uLongf size = compressBound(static_cast<uLong>(plain.size()));
+  std::string out(size, '\0');
+  if (compress2(reinterpret_cast<Bytef*>(out.data()), &size,
+                reinterpret_cast<const Bytef*>(plain.data()), static_cast<uLong>(plain.size()),
+                6) != Z_OK) {
+    return std::nullopt;
+  }
+  out.resize(size);
+  return out;
+}
+
+}  // namespace
+
+void PayloadWriter::Varint(std::uint64_t value) {
+  while (value >= 0x80) {
+    text.push_back(static_cast<char>(value | 0x80));
+    value >>= 7;
+  }
+  text.push_back(static_cast<char>(value));
+}
+
+void PayloadWriter::Bytes(std::string_view bytes) {
+  Varint(bytes.size());
+  text.append(bytes);
+}
+
+std::uint64_t PayloadReader::Varint() {
+  std::uint64_t value = 0;
+  for (int shift = 0; shift < 64; shift += 7) {
+    if (rest.empty()) break;
+    const auto byte = static_cast<unsigned char>(rest.front());
+    rest.remove_prefix(1);
+    value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+    if ((byte & 0x80) == 0) return value;
+  }
+  good = false;
+  rest = {};
+  return 0;
+}
+
+std::string_view PayloadReader::Bytes() {
+  const std::uint64_t size = Varint();
+  if (!good || size > rest.size()) {
+    good = false;
+    rest = {};
+    return {};
+  }
+  const std::string_view bytes = rest.substr(0, size);
+  rest.remove_prefix(size);
+  return bytes;
+}
+
+std::string EncodeHeader() {
+  std::string out(kMagic, sizeof kMagic);
+  PutU32(out, kFormatVersion);
+  PutU32(out, 0);
+  return out;
+}
+
+std::string EncodeRecord(RecordKind kind, std::string_view payload) {
+  std::string stored;
+  std::uint8_t flags = 0;
+  if (payload.size() >= kDeflateFrom) {
+    if (const std::optional<std::string> deflated = Deflate(payload)) {
+      PayloadWriter packed;
+      packed.Varint(payload.size());
+      if (packed.Text().size() + deflated->size() < payload.size()) {
+        stored = packed.Text() + *deflated;
+        flags = kDeflated;
+      }
+    }
+  }
+  if (flags == 0) stored.assign(payload);
+  std::string out;
+  PutU32(out, static_cast<std::uint32_t>(stored.size()));
+  out.push_back(static_cast<char>(kind));
+  out.push_back(static_cast<char>(flags));
+  out.append(2, '\0');
+  PutU32(out, Crc(Crc(0, out), stored));
+  out += stored;
+  return out;
+}
+
+CaptureReader::~CaptureReader() {
+  if (file != nullptr) std::fclose(file);
+}
+
+bool CaptureReader::Open(const std::string& path, std::string& error) {
+  shown = path;
+  file = std::fopen(path.c_str(), "rbe");
+  if (file == nullptr) {
+    error = "cannot read " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  unsigned char header[kHeaderSize];
+  const std::size_t got = std::fread(header, 1, sizeof header, file);
+  if (got == 0) {
+    error = path + (std::ferror(file) ? std::string(": ") + std::strerror(errno)
+                                      : std::string(": empty, not a capture"));
+    return false;
+  }
+  if (std::memcmp(header, kMagic, std::min(got, sizeof kMagic)) != 0) {
+    error = path + ": not a capture";
+    return false;
+  }
+  if (got < sizeof header) {
+    error = path + ": cut short inside its header";
+    return false;
+  }
+  version = GetU32(header + 8);
+  if (version == 0 || version > kFormatVersion) {
+    error = path + ": capture format version " + std::to_string(version) +
+            " is newer than this program reads (" + std::to_string(kFormatVersion) + ")";
+    if (version == 0) error = path + ": not a capture (format version 0)";
+    return false;
+  }
+  offset = sizeof header;
+  return true;
+}
+
+CaptureReader::Status CaptureReader::Next(Record& record, std::string& error) {
+  unsigned char head[kRecordHeaderSize];
+  const std::size_t got = std::fread(head, 1, sizeof head, file);
+  const std::string at = std::to_string(offset);
+  if (got == 0 && !std::ferror(file)) return Status::kEnd;
+  if (got < sizeof head) {
+    error = shown + ": cut short at byte " + at + ", inside a record";
+    return Status::kCutShort;
+  }
+  const std::uint32_t size = GetU32(head);
+  const std::uint8_t kind = head[4];
+  const std::uint8_t flags = head[5];
+  if (size > kMaxPayload) {
+    error = shown + ": record at byte " + at + " is corrupt: size " + std::to_string(size);
+    return Status::kCorrupt;
+  }
+  std::string stored(size, '\0');
+  if (std::fread(stored.data(), 1, size, file) != size) {
+    error = shown + ": cut short at byte " + at + ", inside a record";
+    return Status::kCutShort;
+  }
+  const std::string_view head_view(reinterpret_cast<const char*>(head), 8);
+  if (Crc(Crc(0, head_view), stored) != GetU32(head + 8)) {
+    error = shown + ": record at byte " + at + " is corrupt: checksum mismatch";
+    return Status::kCorrupt;
+  }
+  record.kind = static_cast<RecordKind>(kind);
+  record.offset = offset;
+  if ((flags & kDeflated) == 0) {
+    record.payload = std::move(stored);
+  } else {
+    PayloadReader packed(stored);
+    const std::uint64_t plain = packed.Varint();
+    const std::string_view deflated = packed.Rest();
+    uLongf out_size = static_cast<uLongf>(plain);
+    if (!packed.ok() || plain > kMaxPayload) {
+      error = shown + ": record at byte " + at + " is corrupt: bad size";
+      return Status::kCorrupt;
+    }
+    record.payload.assign(plain, '\0');
+    if (uncompress(reinterpret_cast<Bytef*>(record.payload.data()), &out_size,
+                   reinterpret_cast<const Bytef*>(deflated.data()),
+                   static_cast<uLong>(deflated.size())) != Z_OK ||
+        out_size != plain) {
+      error = shown + ": record at byte " + at + " is corrupt: does not inflate";
+      return Status::kCorrupt;
+    }
+  }
+  offset += sizeof head + size;
+  return Status::kRecord;
+}
+
+}  // namespace kestro::zqp::capture

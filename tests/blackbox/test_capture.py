@@ -1,0 +1,77 @@
+"""kvt_zqp_capture on the simulated board: beside a running monitor it changes
+nothing the monitor sees or sets, and its --info names what the board has."""
+import re
+import signal
+import subprocess
+
+import pytest
+
+from report_layout import split_report, values
+
+
+def info(capture_binary, path):
+    return subprocess.run([capture_binary, "--info", path], capture_output=True, text=True,
+                          timeout=60)
+
+
+def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, truth, tmp_path):
+    t = truth("full")
+    out = tmp_path / "full.kzc"
+    # The capture starts first and ends last; the monitor runs in between.
+    script = (f"{capture_binary} -d 500 -o {out} & c=$!; sleep 0.5; "
+              f"{binary} -b -n 4 -d 500; m=$?; kill -INT $c; wait $c; echo capture=$? monitor=$m")
+    r = run_on_board("full", ["sh", "-c", script])
+    assert r.returncode == 0, r.stderr
+    assert r.stdout.splitlines()[-1] == "capture=0 monitor=0"
+    frames = split_report(r.stdout)
+    assert [row[0] for row in values(frames[-1])["rows"]] == t["rows"]
+    # The monitor alone sets the vps-flow files' period, once each: the capture
+    # writes nothing there.
+    writes = r.writes()
+    assert sorted(data for _, data in writes) == ["500"] * len({p for p, _ in writes})
+    assert len(writes) == len([row for row in t["rows"]
+                               if re.match(r"(GDC|ISP|PYM|STITCH)\d", row)])
+
+    shown = info(capture_binary, out)
+    assert (shown.returncode, shown.stderr) == (0, "")
+    lines = shown.stdout.splitlines()
+    assert re.fullmatch(r"began     \S+ \S+ UTC, \d+\.\d s, ended cleanly", lines[1])
+    assert lines[2] == "options   -d 500 -f 500 -e (all)"
+    engines = dict(re.findall(r"^engine    (\w+): (\d+) ", shown.stdout, re.M))
+    counted = {}
+    for row in t["rows"]:
+        name = row.rstrip("0123456789")
+        counted[name] = counted.get(name, 0) + 1
+    assert {name: int(n) for name, n in engines.items()} == counted
+    # The processes the monitor showed, with the command lines their stand-ins
+    # will carry (a DSP client's heap name is not its own).
+    shown_processes = values(frames[-1])["processes"]
+    assert len(shown_processes) >= 2
+    for name, (pid, *_) in shown_processes.items():
+        assert re.search(rf"^process   {pid} \S+: \S*kzm_(proc_holder|dsp_client) ", shown.stdout,
+                         re.M), name
+
+
+def test_capture_killed_describes_what_it_wrote(run_on_board, capture_binary, tmp_path):
+    out = tmp_path / "killed.kzc"
+    r = run_on_board("full", ["sh", "-c", f"{capture_binary} -d 200 -o {out} & c=$!; sleep 1.5; "
+                              f"kill -KILL $c; wait $c; echo capture=$?"])
+    assert r.stdout.splitlines()[-1] == f"capture={128 + signal.SIGKILL}"
+    shown = info(capture_binary, out)
+    # Each record is one write, so a killed capture ends after a whole one.
+    assert (shown.returncode, shown.stderr) == (0, "")
+    assert shown.stdout.splitlines()[1].endswith(", no end record")
+    assert re.search(r"^records   start 1, list 2, file \d+, engine 8, ypu [1-9]\d*, dsp [1-9]\d*, "
+                     r"ddr \d+, end 0$", shown.stdout, re.M)
+
+
+@pytest.mark.parametrize("args, err", [
+    ([], "kvt_zqp_capture: say where the capture goes with -o FILE\n"),
+    (["-o", "x", "--info", "y"], "kvt_zqp_capture: --info reads a capture; it takes no -o\n"),
+    (["-o", "x", "extra"], "kvt_zqp_capture: unexpected argument 'extra'\n"),
+    (["--info", "/nonexistent/run.kzc"],
+     "cannot read /nonexistent/run.kzc: No such file or directory\n"),
+], ids=["no output", "info and output", "extra word", "missing file"])
+def test_capture_refuses(capture_binary, args, err):
+    r = subprocess.run([capture_binary] + args, capture_output=True, text=True, timeout=60)
+    assert (r.returncode, r.stdout, r.stderr) == (1, "", err)
