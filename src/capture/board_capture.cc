@@ -1,22 +1,12 @@
 #include "capture/board_capture.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <cstring>
-#include <ctime>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -25,275 +15,17 @@
 #include <vector>
 
 #include "base/board_path.h"
+#include "capture/board_shape.h"
 #include "capture/capture_format.h"
+#include "capture/capture_threads.h"
+#include "capture/node_sampler.h"
 #include "monitor/monitor_config.h"
 #include "monitors/ddr_monitor.h"
-#include "monitors/dsp_loading_node.h"
 #include "monitors/memory_usage.h"
 #include "monitors/ypu_monitor.h"
 
 namespace kestro::zqp::capture {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr char kHeapPath[] = "/sys/kernel/debug/ion/heaps/all_heap_info";
-// Files read once at start: what discovery and the DDR monitor look at.
-constexpr const char* kStartFiles[] = {"/sys/class/boardinfo/soc_name",
-                                       "/sys/devices/system/ypu/core_num",
-                                       "/sys/devices/system/ypu/ratio", "/var/run/dsp_event"};
-// The folders discovery lists, and the entry prefixes it counts there.
-struct Listing {
-  const char* dir;
-  std::vector<const char*> prefixes;
-};
-const Listing kListings[] = {{"/dev/", {"vdsp", "jpu", "vpu"}},
-                             {"/sys/devices/virtual/vps/flow/", {"gdc", "stitch", "pym", "isp"}}};
-// A file the monitor reads through a 64-byte buffer gives at most 63 bytes.
-constexpr std::size_t kLoadingReadSize = 63;
-constexpr std::size_t kMaxFileSize = 16u << 20;
-// A DSP node that is not there is looked for again this often.
-constexpr std::int64_t kNodeRetryUs = 50'000;
-
-std::uint64_t MicrosSince(Clock::time_point start) {
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
-}
-
-// The content of a file (at most kMaxFileSize bytes), nullopt when it does not open.
-std::optional<std::string> ReadWhole(const std::string& path, std::uint32_t* mode = nullptr) {
-  const int fd = open(base::BoardPath(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return std::nullopt;
-  struct stat info {};
-  if (mode != nullptr && fstat(fd, &info) == 0) *mode = info.st_mode;
-  std::string text;
-  if (mode == nullptr || S_ISREG(info.st_mode)) {
-    char buffer[65536];
-    for (;;) {
-      const ssize_t got = read(fd, buffer, sizeof buffer);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0 || text.size() + static_cast<std::size_t>(got) > kMaxFileSize) break;
-      text.append(buffer, static_cast<std::size_t>(got));
-    }
-  }
-  close(fd);
-  return text;
-}
-
-std::string FilePayload(std::uint64_t time_us, std::string_view path,
-                        const std::optional<std::string>& content, std::uint32_t mode) {
-  PayloadWriter payload;
-  payload.Varint(time_us);
-  payload.Bytes(path);
-  payload.Varint(content ? 1 : 0);
-  payload.Varint(content ? mode : 0);
-  payload.Bytes(content ? *content : std::string_view());
-  return payload.Text();
-}
-
-// Records made on the sampling threads, written by the main thread.
-class Pending {
- public:
-  void Push(RecordKind kind, std::string_view payload) {
-    std::string record = EncodeRecord(kind, payload);
-    const std::lock_guard lock(mutex);
-    records.push_back(std::move(record));
-  }
-  std::vector<std::string> Take() {
-    const std::lock_guard lock(mutex);
-    return std::exchange(records, {});
-  }
-
- private:
-  std::mutex mutex;
-  std::vector<std::string> records;
-};
-
-// Stops the threads at once, whatever they wait for.
-class StopFlag {
- public:
-  void Set() {
-    {
-      const std::lock_guard lock(mutex);
-      stopped = true;
-    }
-    wake.notify_all();
-  }
-  // Waits until the deadline; true when stopped meanwhile.
-  bool WaitUntil(Clock::time_point deadline) {
-    std::unique_lock lock(mutex);
-    return wake.wait_until(lock, deadline, [this] { return stopped; });
-  }
-  bool Stopped() {
-    const std::lock_guard lock(mutex);
-    return stopped;
-  }
-
- private:
-  std::mutex mutex;
-  std::condition_variable wake;
-  bool stopped = false;
-};
-
-// The accelerator's answers and the DSP nodes' bytes, at the sampling
-// frequency, kept as changes.
-class Sampler {
- public:
-  Sampler(const monitors::YpuLibrary* library, std::uint32_t cores, std::size_t dsp_nodes,
-          Clock::time_point start)
-      : library(library), last_cap(cores, ~0u), nodes(dsp_nodes), start(start) {}
-  ~Sampler() {
-    for (Node& node : nodes) {
-      if (node.map != nullptr) munmap(node.map, monitors::kDspLoadingNodeSize);
-    }
-  }
-
-  void Run(std::uint32_t frequency, StopFlag& stop) {
-    const auto period = std::chrono::nanoseconds(1'000'000'000 / std::max(frequency, 1u));
-    Clock::time_point next = Clock::now();
-    while (!stop.Stopped()) {
-      SampleOnce();
-      next += period;
-      const Clock::time_point now = Clock::now();
-      if (next < now) next = now;  // a late wake-up does not make a burst
-      if (stop.WaitUntil(next)) break;
-    }
-  }
-
-  // The accelerator changes since the last call, as one record's payload;
-  // empty when nothing changed.
-  std::string TakeYpu() {
-    const std::lock_guard lock(mutex);
-    if (changes.empty()) return {};
-    PayloadWriter payload;
-    payload.Varint(last_cap.size());
-    payload.Varint(changes.size());
-    std::uint64_t previous = 0;
-    for (const Change& change : changes) {
-      payload.Varint(change.time_us - previous);
-      payload.Varint(change.core);
-      payload.Varint(change.cap);
-      previous = change.time_us;
-    }
-    changes.clear();
-    return payload.Text();
-  }
-
-  // The DSP node changes since the last call, as one record's payload (the
-  // nodes differ in a few bytes, so a batch deflates well); empty when none.
-  std::string TakeDsp() {
-    const std::lock_guard lock(mutex);
-    if (node_changes.empty()) return {};
-    PayloadWriter payload;
-    payload.Varint(nodes.size());
-    payload.Varint(node_changes.size());
-    std::uint64_t previous = 0;
-    for (const NodeChange& change : node_changes) {
-      payload.Varint(change.time_us - previous);
-      payload.Varint(change.node);
-      payload.Varint(change.present ? 1 : 0);
-      payload.Bytes(change.bytes);
-      previous = change.time_us;
-    }
-    node_changes.clear();
-    return payload.Text();
-  }
-
-  // The pids that hold a slot of a DSP node now.
-  std::set<std::int32_t> DspHolders() {
-    const std::lock_guard lock(mutex);
-    return holders;
-  }
-
- private:
-  struct Change {
-    std::uint64_t time_us;
-    std::uint32_t core;
-    std::uint32_t cap;
-  };
-  struct NodeChange {
-    std::uint64_t time_us;
-    std::uint32_t node;
-    bool present;
-    std::string bytes;
-  };
-  struct Node {
-    void* map = nullptr;
-    std::int64_t last_try_us = -kNodeRetryUs;
-    std::string bytes;  // as last recorded; empty while absent
-    bool recorded = false;
-  };
-
-  void SampleOnce() {
-    const std::uint64_t now = MicrosSince(start);
-    for (std::uint32_t core = 0; core < last_cap.size(); ++core) {
-      unsigned int cap = 0;
-      library->core_cap(core, &cap);
-      if (cap == last_cap[core]) continue;
-      last_cap[core] = cap;
-      const std::lock_guard lock(mutex);
-      changes.push_back({now, core, cap});
-    }
-    bool holders_changed = false;
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      Node& node = nodes[i];
-      if (node.map == nullptr &&
-          static_cast<std::int64_t>(now) - node.last_try_us >= kNodeRetryUs) {
-        node.last_try_us = static_cast<std::int64_t>(now);
-        Map(i, node);
-      }
-      std::string bytes;
-      if (node.map != nullptr) {
-        bytes.assign(static_cast<const char*>(node.map), monitors::kDspLoadingNodeSize);
-      }
-      if (node.recorded && bytes == node.bytes) continue;
-      node.bytes = bytes;
-      node.recorded = true;
-      holders_changed = true;
-      const std::lock_guard lock(mutex);
-      node_changes.push_back({now, static_cast<std::uint32_t>(i), node.map != nullptr, bytes});
-    }
-    if (holders_changed) UpdateHolders();
-  }
-
-  void Map(std::size_t index, Node& node) {
-    const std::string name = "/dsp_loading_node_1_" + std::to_string(index);
-    const int fd = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0) return;
-    struct stat info {};
-    if (fstat(fd, &info) == 0 &&
-        static_cast<std::size_t>(info.st_size) >= monitors::kDspLoadingNodeSize) {
-      void* map = mmap(nullptr, monitors::kDspLoadingNodeSize, PROT_READ, MAP_SHARED, fd, 0);
-      if (map != MAP_FAILED) node.map = map;
-    }
-    close(fd);
-  }
-
-  void UpdateHolders() {
-    std::set<std::int32_t> now;
-    for (const Node& node : nodes) {
-      if (node.bytes.size() < monitors::kDspLoadingNodeSize) continue;
-      monitors::DspLoadingNode copy;
-      std::memcpy(&copy, node.bytes.data(), sizeof copy);
-      for (std::uint32_t slot = 0; slot < monitors::kDspSlotCount; ++slot) {
-        if ((copy.free_mask >> slot & 1) == 0 && copy.pids[slot] != 0) {
-          now.insert(static_cast<std::int32_t>(copy.pids[slot]));
-        }
-      }
-    }
-    const std::lock_guard lock(mutex);
-    holders = std::move(now);
-  }
-
-  const monitors::YpuLibrary* library;
-  std::vector<std::uint32_t> last_cap;
-  std::vector<Node> nodes;
-  Clock::time_point start;
-  std::mutex mutex;
-  std::vector<Change> changes;
-  std::vector<NodeChange> node_changes;
-  std::set<std::int32_t> holders;
-};
 
 // One driver loading file, read as the monitor reads it, at its period.
 void WatchLoadingFile(const std::string& path, int fd, std::uint32_t period_ms, Pending& pending,
@@ -315,76 +47,6 @@ void WatchLoadingFile(const std::string& path, int fd, std::uint32_t period_ms, 
   }
 }
 
-std::string ListPayload(const Listing& listing) {
-  PayloadWriter payload;
-  payload.Varint(0);
-  payload.Bytes(listing.dir);
-  std::vector<std::string> names;
-  DIR* dir = opendir(base::BoardPath(listing.dir).c_str());
-  payload.Varint(dir != nullptr ? 1 : 0);
-  if (dir != nullptr) {
-    while (const dirent* entry = readdir(dir)) {
-      const std::string_view name = entry->d_name;
-      for (const char* prefix : listing.prefixes) {
-        if (name.starts_with(prefix)) names.emplace_back(name);
-      }
-    }
-    closedir(dir);
-  }
-  // readdir's order, which discovery keeps, does not matter: it counts.
-  payload.Varint(names.size());
-  for (const std::string& name : names) payload.Bytes(name);
-  return payload.Text();
-}
-
-std::string StartPayload(const base::MonitorOption& option) {
-  PayloadWriter payload;
-  timespec wall{};
-  clock_gettime(CLOCK_REALTIME, &wall);
-  payload.Varint(static_cast<std::uint64_t>(wall.tv_sec) * 1'000'000'000u +
-                 static_cast<std::uint64_t>(wall.tv_nsec));
-  payload.Varint(option.delay_ms);
-  payload.Varint(option.frequency);
-  std::string engines;
-  for (const std::string& item : option.enable_list) {
-    engines += (engines.empty() ? "" : ",") + item;
-  }
-  payload.Bytes(engines);
-  utsname name{};
-  uname(&name);
-  payload.Bytes(name.release);
-  payload.Bytes(name.machine);
-  return payload.Text();
-}
-
-std::string EnginePayload(const std::string& name, std::uint32_t cores,
-                          const std::vector<std::string>& files) {
-  PayloadWriter payload;
-  payload.Bytes(name);
-  payload.Varint(cores);
-  payload.Varint(files.size());
-  for (const std::string& file : files) payload.Bytes(file);
-  return payload.Text();
-}
-
-// What the monitor reads of a process: its resident size from status, and
-// its name and command line, which a replay gives its stand-in. Nothing else
-// of status (its other lines say more than a capture needs).
-std::optional<std::string> StatusFields(std::int32_t pid) {
-  std::optional<std::string> status = ReadWhole("/proc/" + std::to_string(pid) + "/status");
-  if (!status) return std::nullopt;
-  std::string kept;
-  std::size_t at = 0;
-  while (at < status->size()) {
-    std::size_t end = status->find('\n', at);
-    end = end == std::string::npos ? status->size() : end + 1;
-    const std::string_view line(status->data() + at, end - at);
-    if (line.starts_with("Name:") || line.starts_with("VmRSS:")) kept.append(line);
-    at = end;
-  }
-  return kept;
-}
-
 }  // namespace
 
 BoardCapture::BoardCapture(const base::MonitorOption& option, record::OutputFile& out)
@@ -396,8 +58,8 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
   std::vector<std::string> first;
   first.push_back(EncodeHeader());
   first.push_back(EncodeRecord(RecordKind::kStart, StartPayload(option)));
-  for (const Listing& listing : kListings) {
-    first.push_back(EncodeRecord(RecordKind::kList, ListPayload(listing)));
+  for (const std::string& listing : ListPayloads()) {
+    first.push_back(EncodeRecord(RecordKind::kList, listing));
   }
   for (const char* path : kStartFiles) {
     std::uint32_t mode = 0;
@@ -472,7 +134,7 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
   });
 
   StopFlag stop;
-  Sampler sampler(library, library != nullptr ? cores->core_num : 0, dsp_nodes, start);
+  NodeSampler sampler(library, library != nullptr ? cores->core_num : 0, dsp_nodes, start);
   std::vector<std::thread> threads;
   if (ok) {
     ddr->Start();
