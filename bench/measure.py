@@ -2,7 +2,7 @@
 """Cost of the monitor on the simulated board ("full" scenario, default options).
 
     bench/measure.py [--seconds N] [--quits K] [--build-dir DIR] [--scenario NAME]
-    bench/measure.py --with-record [--seconds N] [--build-dir DIR] [--scenario NAME]
+    bench/measure.py [--with-record] [--with-capture] [--seconds N] [--build-dir DIR] [--scenario NAME]
 
 Runs the binary interactively in a pseudo-terminal (100x50) on the board and
 reports, as seen from inside the board's PID namespace:
@@ -14,6 +14,8 @@ reports, as seen from inside the board's PID namespace:
 With --with-record, kvt_zqp_record (default options, CSV to a file) runs on
 the same board at the same time as the monitor, and the CPU time per second
 and peak RSS of both are measured over the same N seconds (default 30).
+With --with-capture, kvt_zqp_capture (default options, to a file) runs there
+too, and its file's growth per minute is given.
 The floor program of the build (bench/kzm_floor: the monitor's thirteen
 threads asleep, linked the same way) runs beside them, and each program's
 peak RSS is also given as a multiple of the floor's.
@@ -50,7 +52,9 @@ def proc_status(pid, key):
     return None
 
 
-def one_run(binary, seconds, measure_cpu, recorder=None, floor=None):
+def one_run(binary, seconds, measure_cpu, companions=(), floor=None):
+    """companions: (prefix, program, extra arguments) run beside the monitor,
+    each writing to a file of its own, measured as the monitor is."""
     pid, fd = pty.fork()
     if pid == 0:
         os.execv(binary, [binary])
@@ -69,21 +73,22 @@ def one_run(binary, seconds, measure_cpu, recorder=None, floor=None):
 
     threading.Thread(target=drain, daemon=True).start()
     result = {}
-    rec = None
-    if recorder:
-        fd_out, record_path = tempfile.mkstemp(suffix=".csv")
+    running = []
+    for prefix, program, extra in companions:
+        fd_out, path = tempfile.mkstemp()
         os.close(fd_out)
-        rec = subprocess.Popen([recorder, "-o", record_path], stdin=subprocess.DEVNULL)
+        running.append((prefix, path, subprocess.Popen([program, "-o", path] + extra,
+                                                        stdin=subprocess.DEVNULL)))
     low = subprocess.Popen([floor], stdin=subprocess.DEVNULL) if floor else None
     time.sleep(1.0)  # warm-up: monitors started, first frame drawn
     if measure_cpu:
         c0, t0 = proc_cpu_s(pid), time.monotonic()
-        r0 = proc_cpu_s(rec.pid) if rec else 0
+        before = [proc_cpu_s(p.pid) for _, _, p in running]
         time.sleep(seconds)
         c1, t1 = proc_cpu_s(pid), time.monotonic()
         result["cpu_percent_of_one_core"] = 100.0 * (c1 - c0) / (t1 - t0)
-        if rec:
-            result["record_cpu_percent_of_one_core"] = 100.0 * (proc_cpu_s(rec.pid) - r0) / (t1 - t0)
+        for (prefix, _, p), b in zip(running, before):
+            result[prefix + "cpu_percent_of_one_core"] = 100.0 * (proc_cpu_s(p.pid) - b) / (t1 - t0)
         result["wall_s"] = t1 - t0
         result["frames"] = bytes(out).count(b"| Monitor ")
     else:
@@ -95,14 +100,15 @@ def one_run(binary, seconds, measure_cpu, recorder=None, floor=None):
         result["floor_threads"] = proc_status(low.pid, "Threads")
         low.send_signal(signal.SIGTERM)
         low.wait()
-    if rec:
-        result["record_vm_hwm_kib"] = proc_status(rec.pid, "VmHWM")
-        result["record_threads"] = proc_status(rec.pid, "Threads")
-        rec.send_signal(signal.SIGTERM)
-        result["record_exit_status"] = rec.wait()
-        with open(record_path) as f:
-            result["records"] = sum(1 for _ in f) - 1
-        os.unlink(record_path)
+    for prefix, path, p in running:
+        result[prefix + "vm_hwm_kib"] = proc_status(p.pid, "VmHWM")
+        result[prefix + "threads"] = proc_status(p.pid, "Threads")
+        p.send_signal(signal.SIGTERM)
+        result[prefix + "exit_status"] = p.wait()
+        result[prefix + "bytes"] = os.path.getsize(path)
+        with open(path, "rb") as f:
+            result[prefix + "lines"] = f.read().count(b"\n")
+        os.unlink(path)
     q = time.monotonic()
     os.write(fd, b"q")
     _, status = os.waitpid(pid, 0)
@@ -113,8 +119,13 @@ def one_run(binary, seconds, measure_cpu, recorder=None, floor=None):
 
 
 def inner(args):
+    companions = []
     if args.recorder:
-        print(json.dumps(one_run(args.binary, args.seconds, True, args.recorder, args.floor)))
+        companions.append(("record_", args.recorder, []))
+    if args.capture:
+        companions.append(("capture_", args.capture, []))
+    if companions:
+        print(json.dumps(one_run(args.binary, args.seconds, True, companions, args.floor)))
         return
     main = one_run(args.binary, args.seconds, True, floor=args.floor)
     quits = [main["quit_ms"]] + [one_run(args.binary, 1.0, False)["quit_ms"]
@@ -128,7 +139,10 @@ def main():
     ap.add_argument("--seconds", type=float)
     ap.add_argument("--with-record", action="store_true",
                     help="run kvt_zqp_record beside the monitor and measure both")
+    ap.add_argument("--with-capture", action="store_true",
+                    help="run kvt_zqp_capture beside the monitor and measure both")
     ap.add_argument("--recorder")
+    ap.add_argument("--capture")
     ap.add_argument("--quits", type=int, default=4)
     ap.add_argument("--scenario", default="full")
     ap.add_argument("--build-dir", default=os.path.join(REPO, "build"))
@@ -137,7 +151,7 @@ def main():
     ap.add_argument("--floor")
     args = ap.parse_args()
     if args.seconds is None:
-        args.seconds = 30 if args.with_record else 20
+        args.seconds = 30 if args.with_record or args.with_capture else 20
     if args.inner:
         return inner(args)
     binary = args.binary or os.path.join(os.path.abspath(args.build_dir), "kvt_zqp_monitor")
@@ -150,25 +164,37 @@ def main():
         cmd += ["--floor", floor]
     if args.with_record:
         cmd += ["--recorder", os.path.join(os.path.dirname(binary), "kvt_zqp_record")]
+    if args.with_capture:
+        cmd += ["--capture", os.path.join(os.path.dirname(binary), "kvt_zqp_capture")]
     r = subprocess.run(cmd, capture_output=True, text=True, stdin=subprocess.DEVNULL)
     if r.returncode != 0:
         sys.stderr.write(r.stderr)
         return r.returncode
     res = json.loads(r.stdout.strip().splitlines()[-1])
-    if args.with_record:
-        print(f"scenario {args.scenario}, default options, both on one board at once, "
+    if args.with_record or args.with_capture:
+        print(f"scenario {args.scenario}, default options, all on one board at once, "
               f"{res['wall_s']:.1f} s measured")
         print(f"{'':16}{'CPU (% of one core)':>22}{'peak RSS (MiB)':>17}{'threads':>9}"
               f"{'x floor':>9}")
         floor = res.get("floor_vm_hwm_kib")
-        for name, prefix in (("kvt_zqp_monitor", ""), ("kvt_zqp_record", "record_")):
+        rows = [("kvt_zqp_monitor", "")]
+        rows += [("kvt_zqp_record", "record_")] if args.with_record else []
+        rows += [("kvt_zqp_capture", "capture_")] if args.with_capture else []
+        for name, prefix in rows:
             ratio = f"{res[prefix + 'vm_hwm_kib'] / floor:>9.2f}" if floor else ""
             print(f"{name:16}{res[prefix + 'cpu_percent_of_one_core']:>22.2f}"
                   f"{res[prefix + 'vm_hwm_kib'] / 1024:>17.2f}{res[prefix + 'threads']:>9}{ratio}")
         if floor:
             print(f"{'floor':16}{'':>22}{floor / 1024:>17.2f}{res['floor_threads']:>9}")
-        print(f"{res['frames']} frames, {res['records']} records; recorder exit status after "
-              f"SIGTERM: {res['record_exit_status']}")
+        print(f"{res['frames']} frames")
+        if args.with_record:
+            print(f"{res['record_lines'] - 1} records; recorder exit status after SIGTERM: "
+                  f"{res['record_exit_status']}")
+        if args.with_capture:
+            # The run is a second longer than the measured time (the warm-up).
+            per_minute = res["capture_bytes"] * 60 / (res["wall_s"] + 1)
+            print(f"capture: {res['capture_bytes']} bytes, {per_minute / 1024:.0f} KiB a minute; "
+                  f"exit status after SIGTERM: {res['capture_exit_status']}")
         return 0
     quits = sorted(res["quit_ms_all"])
     print(f"scenario {args.scenario}, default options, {res['wall_s']:.1f} s measured, "
