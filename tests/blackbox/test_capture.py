@@ -3,10 +3,16 @@ nothing the monitor sees or sets, and its --info names what the board has."""
 import re
 import signal
 import subprocess
+import sys
+from collections import Counter
 
 import pytest
 
+from conftest import REPO
 from report_layout import split_report, values
+
+sys.path.insert(0, str(REPO / "sim"))
+from capture_file import read_capture  # noqa: E402  (the replay's own reader)
 
 
 def info(capture_binary, path):
@@ -43,6 +49,20 @@ def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, truth,
         name = row.rstrip("0123456789")
         counted[name] = counted.get(name, 0) + 1
     assert {name: int(n) for name, n in engines.items()} == counted
+    # The replay's reader, written from the manual page's format, reads what
+    # --info read, and the capture holds what the board really gave.
+    records, problem = read_capture(out)
+    assert problem is None
+    counts = Counter(kind for kind, _ in records)
+    assert re.search(r"^records   " + ", ".join(f"{k} {counts[k]}" for k in (
+        "start", "list", "file", "engine", "ypu", "dsp", "ddr", "end")) + "$", shown.stdout, re.M)
+    files = {f["path"]: f for kind, f in records if kind == "file" and f["t_us"] == 0}
+    assert files["/sys/class/boardinfo/soc_name"]["content"] == b"ZQ5-sim\n"
+    ddr = [f["line"] for kind, f in records if kind == "ddr"]
+    assert any(re.match(rb"\| Read\s*\| ypu\s*\| %d\s*$" % t["ddr"]["read"], line) for line in ddr)
+    caps = {c["cap"] for kind, f in records if kind == "ypu" for c in f["changes"]}
+    assert caps & set(range(64)) and caps - set(range(64))  # busy and idle answers both
+
     # The processes the monitor showed, with the command lines their stand-ins
     # will carry (a DSP client's heap name is not its own).
     shown_processes = values(frames[-1])["processes"]
@@ -71,7 +91,10 @@ def test_capture_killed_describes_what_it_wrote(run_on_board, capture_binary, tm
     (["-o", "x", "extra"], "kvt_zqp_capture: unexpected argument 'extra'\n"),
     (["--info", "/nonexistent/run.kzc"],
      "cannot read /nonexistent/run.kzc: No such file or directory\n"),
-], ids=["no output", "info and output", "extra word", "missing file"])
+    (["-o", "/nonexistent/run.kzc"],
+     "kvt_zqp_capture: cannot write /nonexistent/run.kzc: No such file or directory\n"),
+    (["-d", "50", "-o", "x"], "delay valid range is [100, 10000], but get 50\n"),
+], ids=["no output", "info and output", "extra word", "missing file", "unwritable", "bad delay"])
 def test_capture_refuses(capture_binary, args, err):
     r = subprocess.run([capture_binary] + args, capture_output=True, text=True, timeout=60)
     assert (r.returncode, r.stdout, r.stderr) == (1, "", err)
