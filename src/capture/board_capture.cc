@@ -141,7 +141,7 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
     threads.emplace_back([&] { sampler.Run(option.frequency, stop); });
     const std::uint32_t period = std::min<std::uint32_t>(option.delay_ms, 3000);
     for (const Watched& file : watched) {
-      threads.emplace_back([&, file] {
+      threads.emplace_back([&, file, period] {
         WatchLoadingFile(file.path, file.fd, period, pending, start, stop, file.first);
       });
     }
