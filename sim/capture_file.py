@@ -13,6 +13,7 @@ import zlib
 
 MAGIC = b"\x89KZC\r\n\x1a\n"
 VERSION = 1
+MAX_PAYLOAD = 64 << 20
 KINDS = {1: "start", 2: "list", 3: "file", 4: "engine", 5: "ypu", 6: "dsp", 7: "ddr", 8: "end"}
 
 
@@ -28,9 +29,11 @@ class _Payload:
         value, shift = 0, 0
         while shift < 64:
             if self.at >= len(self.data):
-                raise CaptureError("a field runs past its record's end")
+                raise CaptureError("its fields run past its end")
             byte = self.data[self.at]
             self.at += 1
+            if shift == 63 and byte & 0xFE:
+                break  # the tenth byte may carry only the 64th bit
             value |= (byte & 0x7F) << shift
             if not byte & 0x80:
                 return value
@@ -40,7 +43,7 @@ class _Payload:
     def bytes(self):
         n = self.varint()
         if self.at + n > len(self.data):
-            raise CaptureError("a field runs past its record's end")
+            raise CaptureError("its fields run past its end")
         self.at += n
         return self.data[self.at - n:self.at]
 
@@ -95,14 +98,21 @@ def read_capture(path):
     if len(data) < 16:
         raise CaptureError(f"{path}: cut short inside its header")
     version = struct.unpack_from("<I", data, 8)[0]
-    if version == 0 or version > VERSION:
+    if version == 0:
+        raise CaptureError(f"{path}: not a capture (format version 0)")
+    if version > VERSION:
         raise CaptureError(f"{path}: capture format version {version} is newer than this "
                            f"program reads ({VERSION})")
     records, at = [], 16
     while at < len(data):
         if at + 12 > len(data):
             return records, f"{path}: cut short at byte {at}, inside a record"
+        if not any(data[at:]):
+            # What a power loss leaves of blocks the file system had allotted.
+            return records, f"{path}: cut short at byte {at}, zeros from there on"
         size, kind, flags, _, crc = struct.unpack_from("<IBBHI", data, at)
+        if size > MAX_PAYLOAD:
+            return records, f"{path}: record at byte {at} is corrupt: size {size}"
         stored = data[at + 12:at + 12 + size]
         if len(stored) < size:
             return records, f"{path}: cut short at byte {at}, inside a record"
@@ -112,7 +122,9 @@ def read_capture(path):
             if flags & 1:
                 p = _Payload(stored)
                 plain_size = p.varint()
-                plain = zlib.decompress(stored[p.at:])
+                if plain_size > MAX_PAYLOAD:
+                    raise CaptureError("bad size")
+                plain = zlib.decompressobj().decompress(stored[p.at:], plain_size + 1)
                 if len(plain) != plain_size:
                     raise CaptureError("does not inflate")
             else:

@@ -1,4 +1,5 @@
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -12,12 +13,22 @@
 
 int main(int argc, char** argv) {
   namespace zqp = kestro::zqp;
-  if (zqp::base::FillClosedStandardDescriptors() < 0) return 1;
+  const int filled = zqp::base::FillClosedStandardDescriptors();
+  if (filled < 0) return 1;
   zqp::base::PrepareProcess();
   const zqp::app::CaptureOption option = zqp::app::ParseCaptureOptions(argc, argv);
   if (!option.valid) return 1;
   if (!option.info.empty()) return zqp::capture::DescribeCapture(option.info, stdout, stderr);
 
+  // Opened while a stop signal still ends the program: a FIFO without a
+  // reader would otherwise hold it for good.
+  zqp::record::OutputFile out;
+  std::string error;
+  const bool stdout_closed = (filled & (1 << STDOUT_FILENO)) != 0;
+  if (!out.Open(option.output == "-" ? "" : option.output, false, stdout_closed, error)) {
+    zqp::base::LogError("%s: %s\n", zqp::base::kCaptureProgram, error.c_str());
+    return 1;
+  }
   // Blocked before any thread starts, so every thread leaves them to the
   // main thread's wait, which ends the capture between two of its ticks.
   sigset_t stop_signals;
@@ -27,12 +38,6 @@ int main(int argc, char** argv) {
   sigaddset(&stop_signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-  zqp::record::OutputFile out;
-  std::string error;
-  if (!out.Open(option.output == "-" ? "" : option.output, false, false, error)) {
-    zqp::base::LogError("%s: %s\n", zqp::base::kCaptureProgram, error.c_str());
-    return 1;
-  }
   zqp::capture::BoardCapture capture(option.monitor, out);
   if (!capture.Run(stop_signals, error)) {
     zqp::base::LogError("%s: %s\n", zqp::base::kCaptureProgram, error.c_str());

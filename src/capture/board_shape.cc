@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 
 #include "base/board_path.h"
@@ -49,19 +50,27 @@ std::string ListPayload(const Listing& listing) {
 }  // namespace
 
 std::optional<std::string> ReadWhole(const std::string& path, std::uint32_t* mode) {
-  const int fd = open(base::BoardPath(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return std::nullopt;
+  // Looked at before it is opened: opening the DSP runtime's event FIFO for
+  // reading, even for a moment, would let a client's write succeed and then
+  // meet a closed pipe. Only a regular file is opened, and through the handle
+  // that was looked at, so nothing can be swapped in between.
+  const int handle = open(base::BoardPath(path).c_str(), O_PATH | O_CLOEXEC);
+  if (handle < 0) return std::nullopt;
   struct stat info {};
-  if (mode != nullptr && fstat(fd, &info) == 0) *mode = info.st_mode;
+  const bool regular = fstat(handle, &info) == 0 && S_ISREG(info.st_mode);
+  if (mode != nullptr) *mode = info.st_mode;
+  char self[32];
+  std::snprintf(self, sizeof self, "/proc/self/fd/%d", handle);
+  const int fd = regular ? open(self, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1;
+  close(handle);
   std::string text;
-  if (mode == nullptr || S_ISREG(info.st_mode)) {
-    char buffer[65536];
-    for (;;) {
-      const ssize_t got = read(fd, buffer, sizeof buffer);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0 || text.size() + static_cast<std::size_t>(got) > kMaxFileSize) break;
-      text.append(buffer, static_cast<std::size_t>(got));
-    }
+  if (fd < 0) return text;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0 || text.size() + static_cast<std::size_t>(got) > kMaxFileSize) break;
+    text.append(buffer, static_cast<std::size_t>(got));
   }
   close(fd);
   return text;

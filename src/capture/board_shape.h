@@ -22,8 +22,9 @@ inline constexpr const char* kStartFiles[] = {
 // A file the monitor reads through a 64-byte buffer gives at most 63 bytes.
 inline constexpr std::size_t kLoadingReadSize = 63;
 
-// The content of a board file (at most 16 MiB; a FIFO or device is not
-// read, only its mode given); nullopt when it does not open. Never blocks.
+// The content of a board file (at most 16 MiB; a FIFO or device is neither
+// opened nor read: empty content, its mode given); nullopt when it is not
+// there. Never blocks.
 std::optional<std::string> ReadWhole(const std::string& path, std::uint32_t* mode = nullptr);
 
 // A file record's payload: time, path, present, mode, content.

@@ -1,6 +1,9 @@
 #include "capture/capture_format.h"
 
+#include <sys/stat.h>
 #include <zlib.h>
+
+#include <algorithm>
 
 #include <cerrno>
 #include <cstring>
@@ -70,6 +73,8 @@ std::uint64_t PayloadReader::Varint() {
     if (rest.empty()) break;
     const auto byte = static_cast<unsigned char>(rest.front());
     rest.remove_prefix(1);
+    // The tenth byte may carry only the 64th bit.
+    if (shift == 63 && (byte & 0x7e) != 0) break;
     value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
     if ((byte & 0x80) == 0) return value;
   }
@@ -158,6 +163,15 @@ bool CaptureReader::Open(const std::string& path, std::string& error) {
   return true;
 }
 
+bool CaptureReader::ZerosToTheEnd() {
+  char chunk[4096];
+  std::size_t got;
+  while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) {
+    if (std::any_of(chunk, chunk + got, [](char byte) { return byte != 0; })) return false;
+  }
+  return !std::ferror(file);
+}
+
 CaptureReader::Status CaptureReader::Next(Record& record, std::string& error) {
   unsigned char head[kRecordHeaderSize];
   const std::size_t got = std::fread(head, 1, sizeof head, file);
@@ -167,12 +181,26 @@ CaptureReader::Status CaptureReader::Next(Record& record, std::string& error) {
     error = shown + ": cut short at byte " + at + ", inside a record";
     return Status::kCutShort;
   }
+  if (std::all_of(head, head + sizeof head, [](unsigned char byte) { return byte == 0; }) &&
+      ZerosToTheEnd()) {
+    // What a power loss leaves of blocks the file system had allotted: no
+    // record has an all-zero header (kind 0 is none, and its checksum is not 0).
+    error = shown + ": cut short at byte " + at + ", zeros from there on";
+    return Status::kCutShort;
+  }
   const std::uint32_t size = GetU32(head);
   const std::uint8_t kind = head[4];
   const std::uint8_t flags = head[5];
   if (size > kMaxPayload) {
     error = shown + ": record at byte " + at + " is corrupt: size " + std::to_string(size);
     return Status::kCorrupt;
+  }
+  // Checked before allocating: a damaged size could ask for 64 MiB.
+  struct stat info {};
+  const bool known = fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
+  if (known && static_cast<std::uint64_t>(info.st_size) < offset + sizeof head + size) {
+    error = shown + ": cut short at byte " + at + ", inside a record";
+    return Status::kCutShort;
   }
   std::string stored(size, '\0');
   if (std::fread(stored.data(), 1, size, file) != size) {

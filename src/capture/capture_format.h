@@ -100,13 +100,17 @@ class CaptureReader {
   // newer than this program reads (1)".
   bool Open(const std::string& path, std::string& error);
   // The next record. On kCutShort and kCorrupt, error says where ("FILE: cut
-  // short at byte N, inside a record" / "FILE: record at byte N is corrupt:
-  // why"); reading stops there.
+  // short at byte N, inside a record", "FILE: cut short at byte N, zeros from
+  // there on" when only zero bytes follow, as a power loss may leave them /
+  // "FILE: record at byte N is corrupt: why"); reading stops there.
   Status Next(Record& record, std::string& error);
   std::uint32_t Version() const { return version; }
   std::uint64_t Offset() const { return offset; }
 
  private:
+  // Reads the rest of the file: true when it holds nothing but zero bytes.
+  bool ZerosToTheEnd();
+
   std::FILE* file = nullptr;
   std::string shown;
   std::uint32_t version = 0;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cinttypes>
 #include <ctime>
@@ -56,10 +57,14 @@ struct Summary {
 
 // The pid of "/proc/PID/FILE", or empty.
 std::string ProcPid(std::string_view path, std::string_view file) {
-  if (!path.starts_with("/proc/") || !path.ends_with(file)) return {};
+  if (path.size() <= 6 + file.size() || !path.starts_with("/proc/") || !path.ends_with(file)) {
+    return {};
+  }
   path.remove_prefix(6);
   path.remove_suffix(file.size());
-  return std::string(path);
+  const bool digits =
+      std::all_of(path.begin(), path.end(), [](char c) { return c >= '0' && c <= '9'; });
+  return digits ? std::string(path) : std::string();
 }
 
 // Reads a batch of changes (accelerator answers, or DSP nodes with their
@@ -126,6 +131,7 @@ bool Take(const CaptureReader::Record& record, Summary& summary) {
     case RecordKind::kEngine: {
       std::string line = "engine    " + std::string(payload.Bytes());
       const std::uint64_t cores = payload.Varint();
+      for (std::uint64_t n = payload.Varint(); n > 0 && payload.ok(); --n) payload.Bytes();
       const char* unit = line.ends_with("YPU")   ? " core"
                          : line.ends_with("DSP") ? " node"
                                                  : " file";
@@ -141,6 +147,7 @@ bool Take(const CaptureReader::Record& record, Summary& summary) {
       break;
     case RecordKind::kDdr:
       summary.last_us = std::max(summary.last_us, payload.Varint());
+      payload.Bytes();
       break;
     case RecordKind::kEnd:
       summary.end_us = payload.Varint();
@@ -182,9 +189,10 @@ int DescribeCapture(const std::string& path, std::FILE* out, std::FILE* err) {
                static_cast<long long>(info.st_size), reader.Version());
   std::fprintf(out, "began     %s, %" PRIu64 ".%01" PRIu64 " s, %s\n", when, length / 1'000'000,
                length / 100'000 % 10,
-               summary.end_us                          ? "ended cleanly"
-               : status == CaptureReader::Status::kEnd ? "no end record"
-                                                       : "cut short");
+               summary.end_us                               ? "ended cleanly"
+               : status == CaptureReader::Status::kEnd      ? "no end record"
+               : status == CaptureReader::Status::kCutShort ? "cut short"
+                                                            : "corrupt");
   std::fprintf(out, "options   -d %" PRIu64 " -f %" PRIu64 " -e %s\n", summary.delay,
                summary.frequency,
                summary.engines_option.empty() ? "(all)" : summary.engines_option.c_str());

@@ -37,9 +37,17 @@ std::string FilePayload() {
 }
 
 TEST(CaptureFormatTest, WholeCutAndDamagedFiles) {
+  // A file record naming "/proc/comm" names no process (and crashed --info).
+  PayloadWriter odd;
+  odd.Varint(0);
+  odd.Bytes("/proc/comm");
+  odd.Varint(1);
+  odd.Varint(0);
+  odd.Bytes("x");
   const std::vector<std::pair<RecordKind, std::string>> records = {
       {RecordKind::kStart, StartPayload()},
       {RecordKind::kFile, FilePayload()},
+      {RecordKind::kFile, odd.Text()},
       {RecordKind::kEnd, std::string("\x80\x89\x7a", 3)}};
   std::string whole = EncodeHeader();
   std::vector<std::size_t> offsets;
@@ -55,7 +63,7 @@ TEST(CaptureFormatTest, WholeCutAndDamagedFiles) {
   std::string corrupt = whole;
   corrupt[offsets[1] + 20] ^= 0x40;
   const std::string at1 = std::to_string(offsets[1]);
-  const std::string at2 = std::to_string(offsets[2]);
+  const std::string at3 = std::to_string(offsets[3]);
   struct Case {
     const char* name;
     std::string bytes;
@@ -64,14 +72,17 @@ TEST(CaptureFormatTest, WholeCutAndDamagedFiles) {
     std::string message;  // on stderr, after "FILE"; "-": not checked
   };
   const Case cases[] = {
-      {"whole", whole, 0, 3, ""},
+      {"whole", whole, 0, 4, ""},
       {"empty", "", 1, 0, ": empty, not a capture\n"},
       {"foreign", "PK\x03\x04 not ours at all", 1, 0, ": not a capture\n"},
       {"header cut", whole.substr(0, 12), 1, 0, ": cut short inside its header\n"},
       {"newer", newer, 1, 0, ": capture format version 2 is newer than this program reads (1)\n"},
-      {"killed mid-write", whole.substr(0, whole.size() - 2), 0, 2,
-       ": cut short at byte " + at2 + ", inside a record; the records before it are described\n"},
-      {"record header cut", whole.substr(0, offsets[2] + 5), 0, 2, "-"},
+      {"killed mid-write", whole.substr(0, whole.size() - 2), 0, 3,
+       ": cut short at byte " + at3 + ", inside a record; the records before it are described\n"},
+      {"record header cut", whole.substr(0, offsets[3] + 5), 0, 3, "-"},
+      {"power loss", whole.substr(0, offsets[3]) + std::string(300, '\0'), 0, 3,
+       ": cut short at byte " + at3 +
+           ", zeros from there on; the records before it are described\n"},
       {"corrupt", corrupt, 1, 1, ": record at byte " + at1 + " is corrupt: checksum mismatch\n"},
   };
   for (const Case& c : cases) {
