@@ -74,7 +74,11 @@ def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, truth,
 
 def test_capture_killed_describes_what_it_wrote(run_on_board, capture_binary, tmp_path):
     out = tmp_path / "killed.kzc"
-    r = run_on_board("full", ["sh", "-c", f"{capture_binary} -d 200 -o {out} & c=$!; sleep 1.5; "
+    # Killed once it has written the accelerator's and the DSP nodes' changes
+    # (however long that takes here), while it goes on writing.
+    r = run_on_board("full", ["sh", "-c", f"{capture_binary} -d 200 -o {out} & c=$!; "
+                              f"until {capture_binary} --info {out} 2>/dev/null | "
+                              f"grep -q 'ypu [1-9][0-9]*, dsp [1-9]'; do sleep 0.2; done; "
                               f"kill -KILL $c; wait $c; echo capture=$?"])
     assert r.stdout.splitlines()[-1] == f"capture={128 + signal.SIGKILL}"
     shown = info(capture_binary, out)
