@@ -27,15 +27,21 @@
 namespace kestro::zqp::capture {
 namespace {
 
-// One driver loading file, read as the monitor reads it, at its period.
+// A loading file read as the monitor reads it: at most 63 bytes from its
+// top, the descriptor rewound for the next read.
+std::string ReadLoading(int fd) {
+  char buffer[kLoadingReadSize];
+  const ssize_t got = read(fd, buffer, sizeof buffer);
+  lseek(fd, 0, SEEK_SET);
+  return std::string(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+}
+
+// One driver loading file, read at its period, kept when it changed.
 void WatchLoadingFile(const std::string& path, int fd, std::uint32_t period_ms, Pending& pending,
                       Clock::time_point start, StopFlag& stop, std::string last) {
   Clock::time_point next = Clock::now();
   while (!stop.Stopped()) {
-    char buffer[kLoadingReadSize];
-    const ssize_t got = read(fd, buffer, sizeof buffer);
-    lseek(fd, 0, SEEK_SET);
-    std::string text(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+    std::string text = ReadLoading(fd);
     if (text != last) {
       pending.Push(RecordKind::kFile, FilePayload(MicrosSince(start), path, text, 0));
       last = std::move(text);
@@ -105,10 +111,7 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
         if (fd >= 0) {
           struct stat info {};
           if (fstat(fd, &info) == 0) mode = info.st_mode;
-          char buffer[kLoadingReadSize];
-          const ssize_t got = read(fd, buffer, sizeof buffer);
-          lseek(fd, 0, SEEK_SET);
-          content.emplace(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+          content = ReadLoading(fd);
           watched.push_back({path, fd, *content});
         }
         first.push_back(EncodeRecord(RecordKind::kFile, FilePayload(0, path, content, mode)));
@@ -147,17 +150,16 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
     }
   }
 
-  std::string heap_last;
-  bool heap_recorded = false;
+  // The heap text as last recorded: nullopt before the first record.
+  std::optional<std::optional<std::string>> heap_last;
   std::map<std::string, std::optional<std::string>> proc_last;
   const auto tick = [&] {
     const std::uint64_t now = MicrosSince(start);
     std::uint32_t mode = 0;
     const std::optional<std::string> heap = ReadWhole(kHeapPath, &mode);
-    if (!heap_recorded || heap.value_or("\x01") != heap_last) {
+    if (!heap_last || *heap_last != heap) {
       pending.Push(RecordKind::kFile, FilePayload(now, kHeapPath, heap, mode));
-      heap_last = heap.value_or("\x01");
-      heap_recorded = true;
+      heap_last = heap;
     }
     // The processes the report could name: holders of ION memory and of DSP slots.
     std::set<std::int32_t> pids = sampler.DspHolders();

@@ -59,7 +59,6 @@ class PayloadReader {
   std::uint64_t Varint();
   std::string_view Bytes();
   bool ok() const { return good; }
-  bool AtEnd() const { return rest.empty(); }
   // What is left unread.
   std::string_view Rest() const { return rest; }
 
@@ -105,7 +104,6 @@ class CaptureReader {
   // "FILE: record at byte N is corrupt: why"); reading stops there.
   Status Next(Record& record, std::string& error);
   std::uint32_t Version() const { return version; }
-  std::uint64_t Offset() const { return offset; }
 
  private:
   // Reads the rest of the file: true when it holds nothing but zero bytes.
