@@ -12,6 +12,13 @@
 //   period_us U          length of one busy/idle period (default 7919)
 //   open_fail CORE STATUS   opening CORE returns STATUS (non-zero)
 //   log PATH             append one line per open/close call to PATH
+//   replay PATH          answer from a captured timeline instead: PATH holds
+//                        lines "T_US CORE CAP", T_US ascending, microseconds
+//                        on the board's clock; a core answers the CAP of its
+//                        last line at or before now (its first one before that)
+//   clock_us PATH        file holding when the board's clock started
+//                        (CLOCK_MONOTONIC microseconds), read at the first call
+//   loop_us U            the timeline starts again every U microseconds
 #define _GNU_SOURCE
 #include <pthread.h>
 #include <stdarg.h>
@@ -37,6 +44,63 @@ static int g_fail_core = -1;
 static int g_fail_status;
 static char g_log_path[4096];
 static struct ypu_core g_core[KZM_YPU_MAX_CORES];
+
+// A captured timeline: one array of (time, capacity) per core.
+struct ypu_answer {
+  uint64_t t_us;
+  unsigned int cap;
+};
+static struct ypu_answer* g_replay[KZM_YPU_MAX_CORES];
+static size_t g_replay_len[KZM_YPU_MAX_CORES];
+static int g_replaying;
+static uint64_t g_clock_us;
+static uint64_t g_loop_us;
+
+static void load_replay(const char* path) {
+  FILE* f = fopen(path, "r");
+  if (f == NULL) return;
+  size_t room[KZM_YPU_MAX_CORES] = {0};
+  unsigned long long t;
+  unsigned int core, cap;
+  while (fscanf(f, "%llu %u %u", &t, &core, &cap) == 3) {
+    if (core >= KZM_YPU_MAX_CORES) continue;
+    if (g_replay_len[core] == room[core]) {
+      room[core] = room[core] ? room[core] * 2 : 1024;
+      struct ypu_answer* grown = realloc(g_replay[core], room[core] * sizeof *grown);
+      if (grown == NULL) break;
+      g_replay[core] = grown;
+    }
+    g_replay[core][g_replay_len[core]++] = (struct ypu_answer){t, cap};
+  }
+  fclose(f);
+  g_replaying = 1;
+}
+
+static void load_clock(const char* path) {
+  FILE* f = fopen(path, "r");
+  if (f == NULL) return;
+  unsigned long long v;
+  if (fscanf(f, "%llu", &v) == 1) g_clock_us = v;
+  fclose(f);
+}
+
+static int replay_cap(unsigned int core, uint64_t now_us, unsigned int* cap) {
+  const size_t n = g_replay_len[core];
+  if (n == 0) return -22;
+  uint64_t t = now_us > g_clock_us ? now_us - g_clock_us : 0;
+  if (g_loop_us > 0) t %= g_loop_us;
+  size_t lo = 0, hi = n;  // the first answer later than t
+  while (lo < hi) {
+    size_t mid = lo + (hi - lo) / 2;
+    if (g_replay[core][mid].t_us <= t) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  *cap = g_replay[core][lo == 0 ? 0 : lo - 1].cap;
+  return 0;
+}
 
 static void load_config(void) {
   const char* path = getenv("KZM_SIM_YPU_CONFIG");
@@ -71,6 +135,15 @@ static void load_config(void) {
     } else if (strcmp(key, "log") == 0) {
       char* v = strtok_r(NULL, "\n", &save);
       if (v != NULL) snprintf(g_log_path, sizeof g_log_path, "%s", v);
+    } else if (strcmp(key, "replay") == 0) {
+      char* v = strtok_r(NULL, "\n", &save);
+      if (v != NULL) load_replay(v);
+    } else if (strcmp(key, "clock_us") == 0) {
+      char* v = strtok_r(NULL, "\n", &save);
+      if (v != NULL) load_clock(v);
+    } else if (strcmp(key, "loop_us") == 0) {
+      char* v = strtok_r(NULL, " \t\n", &save);
+      if (v != NULL) g_loop_us = strtoull(v, NULL, 10);
     }
   }
   fclose(f);
@@ -129,6 +202,7 @@ int vz_ypu_core_cap(unsigned int core, unsigned int* cap) {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   uint64_t now_us = (uint64_t)ts.tv_sec * 1000000u + (uint64_t)ts.tv_nsec / 1000u;
+  if (g_replaying) return replay_cap(core, now_us, cap);
   // Stagger the cores so that they are not busy at the same instants.
   uint64_t phase = (now_us + core * (g_period_us / 3)) % g_period_us;
   double busy_until = g_duty[core] * (double)g_period_us / 100.0;
