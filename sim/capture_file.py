@@ -14,7 +14,8 @@ import zlib
 MAGIC = b"\x89KZC\r\n\x1a\n"
 VERSION = 1
 MAX_PAYLOAD = 64 << 20
-KINDS = {1: "start", 2: "list", 3: "file", 4: "engine", 5: "ypu", 6: "dsp", 7: "ddr", 8: "end"}
+KINDS = {1: "start", 2: "list", 3: "file", 4: "engine", 5: "ypu", 6: "dsp", 7: "ddr", 8: "end",
+         9: "ddr-exit"}
 
 
 class CaptureError(Exception):
@@ -85,6 +86,8 @@ def _decode(kind, p):
         return {"t_us": p.varint(), "line": p.bytes()}
     if kind == "end":
         return {"t_us": p.varint()}
+    if kind == "ddr-exit":
+        return {"t_us": p.varint(), "status": p.varint()}
     return {}
 
 

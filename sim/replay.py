@@ -11,6 +11,7 @@ microseconds since the capture began:
   ypu         [(t_us, core, free capacity)] the accelerator library answered
   dsp         [(t_us, node, present, bytes)] of the DSP loading nodes
   ddr         [(t_us, line)] the DDR tool printed
+  ddr_exit    (t_us, wait status) when the DDR tool ended by itself, or None
   end_us      when the capture ended (its last record's time if cut short)
   problem     why reading stopped early (a cut-short or corrupt record), or None
 
@@ -35,6 +36,7 @@ class ReplayPlan:
         self.ypu_cores, self.ypu = None, []
         self.dsp_nodes, self.dsp = [], []
         self.ddr = []
+        self.ddr_exit = None
         self.end_us = None
         last = 0
         for kind, f in records[1:]:
@@ -63,6 +65,9 @@ class ReplayPlan:
                 last = max(last, f["t_us"])
             elif kind == "end":
                 self.end_us = f["t_us"]
+            elif kind == "ddr-exit":
+                self.ddr_exit = (f["t_us"], f["status"])
+                last = max(last, f["t_us"])
         # Batches are written a tick apart, each ordered in itself.
         self.ypu.sort(key=lambda c: c[0])
         self.dsp.sort(key=lambda c: c[0])

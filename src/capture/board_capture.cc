@@ -135,6 +135,12 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
     payload.Bytes(line);
     pending.Push(RecordKind::kDdr, payload.Text());
   });
+  ddr->SetExitObserver([&pending, start](int status) {
+    PayloadWriter payload;
+    payload.Varint(MicrosSince(start));
+    payload.Varint(static_cast<std::uint32_t>(status));
+    pending.Push(RecordKind::kDdrExit, payload.Text());
+  });
 
   StopFlag stop;
   NodeSampler sampler(library, library != nullptr ? cores->core_num : 0, dsp_nodes, start);
@@ -160,6 +166,14 @@ bool BoardCapture::Run(const sigset_t& stop_signals, std::string& error) {
     if (!heap_last || *heap_last != heap) {
       pending.Push(RecordKind::kFile, FilePayload(now, kHeapPath, heap, mode));
       heap_last = heap;
+    }
+    // A DSP holder's end, when the sampler saw it.
+    for (const auto& [when, pid] : sampler.TakeExits()) {
+      const std::string path = "/proc/" + std::to_string(pid) + "/status";
+      const auto known = proc_last.find(path);
+      if (known == proc_last.end() || !known->second) continue;
+      pending.Push(RecordKind::kFile, FilePayload(when, path, std::nullopt, 0));
+      known->second = std::nullopt;
     }
     // The processes the report could name: holders of ION memory and of DSP slots.
     std::set<std::int32_t> pids = sampler.DspHolders();

@@ -28,14 +28,15 @@ inline constexpr std::size_t kRecordHeaderSize = 12;
 inline constexpr std::uint32_t kMaxPayload = 64u << 20;
 
 enum class RecordKind : std::uint8_t {
-  kStart = 1,   // once, first: when, the options, the kernel
-  kList = 2,    // a folder's entries as discovery listed them
-  kFile = 3,    // a file's presence, mode and content, when they changed
-  kEngine = 4,  // an engine that came up, and its cores or files
-  kYpu = 5,     // the accelerator library's answers that changed, in a batch
-  kDsp = 6,     // a DSP loading node's bytes, when they changed
-  kDdr = 7,     // a line of the DDR tool, as it arrived
-  kEnd = 8,     // a capture that ended cleanly: its length
+  kStart = 1,    // once, first: when, the options, the kernel
+  kList = 2,     // a folder's entries as discovery listed them
+  kFile = 3,     // a file's presence, mode and content, when they changed
+  kEngine = 4,   // an engine that came up, and its cores or files
+  kYpu = 5,      // the accelerator library's answers that changed, in a batch
+  kDsp = 6,      // a DSP loading node's bytes, when they changed
+  kDdr = 7,      // a line of the DDR tool, as it arrived
+  kEnd = 8,      // a capture that ended cleanly: its length
+  kDdrExit = 9,  // the DDR tool ended by itself: when, and its wait status
 };
 
 inline constexpr std::uint8_t kDeflated = 1;

@@ -16,8 +16,8 @@
 namespace kestro::zqp::capture {
 namespace {
 
-constexpr std::array<const char*, 9> kKindNames = {"?",   "start", "list", "file", "engine",
-                                                   "ypu", "dsp",   "ddr",  "end"};
+constexpr std::array<const char*, 10> kKindNames = {"?",   "start", "list", "file", "engine",
+                                                    "ypu", "dsp",   "ddr",  "end",  "ddr-exit"};
 
 // Bytes as printable text: control bytes and quotes escaped, NULs (between
 // command-line arguments) shown as blanks.
@@ -151,6 +151,10 @@ bool Take(const CaptureReader::Record& record, Summary& summary) {
       break;
     case RecordKind::kEnd:
       summary.end_us = payload.Varint();
+      break;
+    case RecordKind::kDdrExit:
+      summary.last_us = std::max(summary.last_us, payload.Varint());
+      payload.Varint();
       break;
   }
   return payload.ok();

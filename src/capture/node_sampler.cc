@@ -1,13 +1,16 @@
 #include "capture/node_sampler.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
+#include "base/process_descriptor.h"
 #include "monitors/dsp_loading_node.h"
 
 namespace kestro::zqp::capture {
@@ -26,14 +29,26 @@ NodeSampler::~NodeSampler() {
   for (Node& node : nodes) {
     if (node.map != nullptr) munmap(node.map, monitors::kDspLoadingNodeSize);
   }
+  for (const auto& [pid, fd] : watched) close(fd);
 }
 
 void NodeSampler::Run(std::uint32_t frequency, StopFlag& stop) {
-  const auto period = std::chrono::nanoseconds(1'000'000'000 / std::max(frequency, 1u));
+  const std::int64_t period_ns = 1'000'000'000 / std::max(frequency, 1u);
   Clock::time_point next = Clock::now();
+  // A DSP client that works in periods of whole milliseconds would be sampled
+  // at the same phases of its period forever by a strict clock: 3 ms busy in
+  // every 10 ms, read every 2 ms, shows as 2 or 4 ms in the capture, and a
+  // replay would play 20 % or 40 %. Steps drawn evenly between half and one
+  // and a half periods keep the rate and spread the phases.
+  std::uint64_t dither = static_cast<std::uint64_t>(next.time_since_epoch().count()) | 1;
   while (!stop.Stopped()) {
     SampleOnce();
-    next += period;
+    dither ^= dither << 13;
+    dither ^= dither >> 7;
+    dither ^= dither << 17;
+    next += std::chrono::nanoseconds(
+        period_ns / 2 +
+        static_cast<std::int64_t>(dither % static_cast<std::uint64_t>(period_ns + 1)));
     const Clock::time_point now = Clock::now();
     if (next < now) next = now;  // a late wake-up does not make a burst
     if (stop.WaitUntil(next)) break;
@@ -114,6 +129,50 @@ void NodeSampler::SampleOnce() {
     node_changes.push_back({now, static_cast<std::uint32_t>(i), node.map != nullptr, bytes});
   }
   if (holders_changed) UpdateHolders();
+  PollHolders(now);
+}
+
+void NodeSampler::PollHolders(std::uint64_t now) {
+  if (watched.empty()) return;
+  std::vector<pollfd> waits;
+  waits.reserve(watched.size());
+  for (const auto& [pid, fd] : watched) waits.push_back({fd, POLLIN, 0});
+  if (poll(waits.data(), waits.size(), 0) <= 0) return;
+  std::size_t i = 0;
+  for (auto it = watched.begin(); it != watched.end(); ++i) {
+    if (waits[i].revents == 0) {
+      ++it;
+      continue;
+    }
+    close(it->second);
+    {
+      const std::lock_guard lock(mutex);
+      exits.emplace_back(now, it->first);
+    }
+    it = watched.erase(it);
+  }
+}
+
+void NodeSampler::WatchHolders(const std::set<std::int32_t>& now) {
+  for (auto it = watched.begin(); it != watched.end();) {
+    if (now.count(it->first) != 0) {
+      ++it;
+      continue;
+    }
+    close(it->second);
+    it = watched.erase(it);
+  }
+  for (const std::int32_t pid : now) {
+    if (watched.count(pid) != 0) continue;
+    // A holder already gone (a stale slot) has no descriptor and is not watched.
+    const int fd = base::OpenProcessDescriptor(pid);
+    if (fd >= 0) watched.emplace(pid, fd);
+  }
+}
+
+std::vector<std::pair<std::uint64_t, std::int32_t>> NodeSampler::TakeExits() {
+  const std::lock_guard lock(mutex);
+  return std::exchange(exits, {});
 }
 
 void NodeSampler::Map(std::size_t index, Node& node) {
@@ -141,6 +200,7 @@ void NodeSampler::UpdateHolders() {
       }
     }
   }
+  WatchHolders(now);
   const std::lock_guard lock(mutex);
   holders = std::move(now);
 }

@@ -1,10 +1,13 @@
 // The accelerator library's answers and the DSP loading nodes' bytes, read at
 // the sampling frequency on a thread of their own and kept as changes, which
-// the main thread takes as records' payloads.
+// the main thread takes as records' payloads. The holders of DSP slots are
+// watched as closely: the monitor learns of a holder's end at once (a process
+// descriptor), so a replay must end its stand-in as exactly.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -39,6 +42,9 @@ class NodeSampler {
   std::string TakeDsp();
   // The pids that hold a slot of a DSP node now.
   std::set<std::int32_t> DspHolders();
+  // The holders that ended since the last call: when (microseconds since the
+  // start) and their pid.
+  std::vector<std::pair<std::uint64_t, std::int32_t>> TakeExits();
 
  private:
   struct Change {
@@ -62,15 +68,20 @@ class NodeSampler {
   void SampleOnce();
   void Map(std::size_t index, Node& node);
   void UpdateHolders();
+  void WatchHolders(const std::set<std::int32_t>& now);
+  void PollHolders(std::uint64_t now);
 
   const monitors::YpuLibrary* library;
   std::vector<std::uint32_t> last_cap;  // sampler thread only
   std::vector<Node> nodes;              // sampler thread only; its size is fixed
   Clock::time_point start;
+  // A process descriptor of each live holder; sampler thread only.
+  std::map<std::int32_t, int> watched;
   std::mutex mutex;  // guards what follows
   std::vector<Change> changes;
   std::vector<NodeChange> node_changes;
   std::set<std::int32_t> holders;
+  std::vector<std::pair<std::uint64_t, std::int32_t>> exits;
 };
 
 }  // namespace kestro::zqp::capture

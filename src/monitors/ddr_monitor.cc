@@ -255,6 +255,7 @@ void DDRMonitor::Run() {
     base::LogBatchError(batch, "Wait subprocess exit failed, error:%s\n", std::strerror(errno));
     return;
   }
+  if (exit_observer && !stop.load()) exit_observer(status);
   if (!WIFSIGNALED(status) && status != 0) {
     ready.store(false);
     base::LogBatchVerbose(batch,

@@ -82,6 +82,9 @@ class DDRMonitor : public monitor::MonitorBase {
   void SetLineObserver(std::function<void(std::string_view)> observer) {
     line_observer = std::move(observer);
   }
+  // Called on the worker with the tool's wait status when it ended by itself
+  // (not hung up by Stop). Set before Start.
+  void SetExitObserver(std::function<void(int)> observer) { exit_observer = std::move(observer); }
 
   // When not already stopped: sets the stop flag, then ClosePty. Does not
   // join and never blocks, so a fatal-signal handler may call it.
@@ -126,6 +129,7 @@ class DDRMonitor : public monitor::MonitorBase {
   // Hands a line to the observer, then to ParseLine.
   void TakeLine(const std::string& line);
   std::function<void(std::string_view)> line_observer;
+  std::function<void(int)> exit_observer;
   // Waits up to kToolGraceMs for the tool to end, kills what is left of its
   // process group and reaps it. Returns waitpid's result; status is set.
   pid_t ReapTool(pid_t pid, int& status);

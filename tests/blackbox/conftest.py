@@ -163,8 +163,11 @@ class _LineReader(threading.Thread):
 
 
 def board_args(scenario, workdir, cmd):
-    """run-board's arguments to run cmd on the scenario's board in workdir."""
-    return (["--scenario", str(scenario)] + BOARD_ARGS + ["--workdir", str(workdir), "--"] +
+    """run-board's arguments to run cmd on the scenario's board in workdir; a
+    scenario ending in .kzc is a capture to replay."""
+    board = (["--replay", str(scenario)] if str(scenario).endswith(".kzc") else
+             ["--scenario", str(scenario)])
+    return (board + BOARD_ARGS + ["--workdir", str(workdir), "--"] +
             [str(c) for c in cmd])
 
 

@@ -55,7 +55,8 @@ def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, truth,
     assert problem is None
     counts = Counter(kind for kind, _ in records)
     assert re.search(r"^records   " + ", ".join(f"{k} {counts[k]}" for k in (
-        "start", "list", "file", "engine", "ypu", "dsp", "ddr", "end")) + "$", shown.stdout, re.M)
+        "start", "list", "file", "engine", "ypu", "dsp", "ddr", "end", "ddr-exit")) + "$",
+        shown.stdout, re.M)
     files = {f["path"]: f for kind, f in records if kind == "file" and f["t_us"] == 0}
     assert files["/sys/class/boardinfo/soc_name"]["content"] == b"ZQ5-sim\n"
     ddr = [f["line"] for kind, f in records if kind == "ddr"]
@@ -86,7 +87,32 @@ def test_capture_killed_describes_what_it_wrote(run_on_board, capture_binary, tm
     assert (shown.returncode, shown.stderr) == (0, "")
     assert shown.stdout.splitlines()[1].endswith(", no end record")
     assert re.search(r"^records   start 1, list 2, file \d+, engine 8, ypu [1-9]\d*, dsp [1-9]\d*, "
-                     r"ddr \d+, end 0$", shown.stdout, re.M)
+                     r"ddr \d+, end 0, ddr-exit 0$", shown.stdout, re.M)
+
+
+def test_capture_descriptors_stay_flat_over_dsp_churn(run_on_board, capture_binary, tmp_path):
+    """The capture watches each live DSP slot holder for its end (a process
+    descriptor) and lets go of it when the holder ends or leaves: over clients
+    that come, end cleanly and die holding a slot, it holds one descriptor per
+    live holder and nothing more."""
+    out = tmp_path / "churn.kzc"
+    # dsp_a holds a slot from the start to 2.5 s, dsp_b from 1 s until it dies
+    # at 3 s, dsp_c from 6 s on.
+    look = "echo $(ls /proc/$c/fd | wc -l) $(ls -l /proc/$c/fd | grep -c pidfd)"
+    r = run_on_board("dsp_churn", ["sh", "-c", f"{capture_binary} -t 10 -o {out} & c=$!; "
+                                   f"for i in $(seq 32); do {look}; sleep 0.25; done; "
+                                   f"kill -INT $c; wait $c; echo capture=$?"])
+    assert r.stdout.split()[-1] == "capture=0", r.stderr
+    seen = [tuple(map(int, line.split())) for line in r.stdout.splitlines()[:-1]]
+    holders = [p for _, p in seen]
+    # Two live holders, then none, then dsp_c alone.
+    idle = holders.index(0, holders.index(2))
+    assert holders[-1] == 1 and set(holders[idle:]) == {0, 1}, seen
+    assert seen[-1][0] == seen[idle][0] + 1, seen
+    records, _ = read_capture(out)
+    gone = [f["path"] for kind, f in records if kind == "file" and f["path"].endswith("/status")
+            and not f["present"]]
+    assert len(gone) >= 2  # dsp_a and dsp_b ended, each recorded gone
 
 
 @pytest.mark.parametrize("args, err", [
