@@ -11,7 +11,7 @@ import sys
 import pytest
 
 from board_truth import EMULATED, tolerance
-from conftest import REPO, RUN_BOARD
+from conftest import CLIENT, REPO, RUN_BOARD
 from report_layout import codes, split_report
 
 sys.path.insert(0, str(REPO / "sim"))
@@ -226,3 +226,38 @@ def test_damaged_captures(run_on_board, binary, tmp_path):
         r = run_on_board(path, ["true"])
         assert r.returncode == 2
         assert r.stderr.startswith("run-board: cannot replay ") and why in r.stderr, r.stderr
+
+
+def test_recorder_summary_round_trip(run_on_board, record_binary, capture_binary, truth,
+                                     tmp_path):
+    """The recorder's summary of a DSP workload on the board, and of the same
+    stretch of the capture replayed (a stand-in command of the same length: the
+    workload's activity is the capture's), agree."""
+    t = truth("workload")
+    out, began = tmp_path / "board.kzc", tmp_path / "recorder_began"
+    workload = [CLIENT, "--board-log", "--duty", "40", "--lifetime-ms", "3500"]
+    script = (f"{capture_binary} -t 8 -o {out} & c=$!; sleep 0.3; date +%s.%N > {began}; "
+              f"{record_binary} -d 500 --summary {tmp_path / 'live.json'} -- "
+              f"{' '.join(workload)}; wait $c")
+    live = run_on_board("workload", ["sh", "-c", script])
+    assert live.returncode == 0, live.stderr
+    shown = json.loads((tmp_path / "live.json").read_text())
+    offset = float(began.read_text()) - capture_start_wall_s(out)
+    replay = run_on_board(out, ["sh", "-c", f"sleep {offset:.3f}; exec {record_binary} -d 500 "
+                                f"--summary {tmp_path / 'replay.json'} -- "
+                                f"sleep {shown['wall_seconds']:.3f}"])
+    assert replay.returncode == 0, replay.stderr
+    replayed = json.loads((tmp_path / "replay.json").read_text())
+    assert abs(replayed["records"] - shown["records"]) <= 1
+    assert set(replayed["loading"]) == set(shown["loading"])
+    for label, got in replayed["loading"].items():
+        want = shown["loading"][label]["mean_percent"]
+        assert abs(got["mean_percent"] - want) <= tolerance(t, label), (label, got, want)
+    assert replayed["ddr"]["read"]["peak_bytes_per_second"] == \
+        shown["ddr"]["read"]["peak_bytes_per_second"]
+    assert replayed["heaps"] == shown["heaps"]
+    # The heap holders under their captured pids (the command's own DSP client
+    # is the capture's, not a child of the replayed command).
+    keep = ("pid", "name", "peak_ion_bytes", "peak_rss_bytes")
+    assert [{k: p[k] for k in keep} for p in replayed["processes"]] == \
+        [{k: p[k] for k in keep} for p in shown["processes"]]
