@@ -8,7 +8,9 @@ from collections import Counter
 
 import pytest
 
+from board_truth import check_loading
 from conftest import REPO
+from recordings import csv_records
 from report_layout import split_report, values
 
 sys.path.insert(0, str(REPO / "sim"))
@@ -20,19 +22,29 @@ def info(capture_binary, path):
                           timeout=60)
 
 
-def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, truth, tmp_path):
+def test_capture_beside_the_monitor(run_on_board, binary, capture_binary, record_binary, truth,
+                                    tmp_path):
     t = truth("full")
-    out = tmp_path / "full.kzc"
-    # The capture starts first and ends last; the monitor runs in between.
+    out, recorded = tmp_path / "full.kzc", tmp_path / "records.csv"
+    # The capture starts first and ends last; the monitor and a recorder run in
+    # between.
     script = (f"{capture_binary} -d 500 -o {out} & c=$!; sleep 0.5; "
-              f"{binary} -b -n 4 -d 500; m=$?; kill -INT $c; wait $c; echo capture=$? monitor=$m")
+              f"{record_binary} -n 4 -d 500 -o {recorded} & r=$!; "
+              f"{binary} -b -n 4 -d 500; m=$?; wait $r; w=$?; kill -INT $c; wait $c; "
+              f"echo capture=$? monitor=$m recorder=$w; echo $(ls /var/run)")
     r = run_on_board("full", ["sh", "-c", script])
     assert r.returncode == 0, r.stderr
-    assert r.stdout.splitlines()[-1] == "capture=0 monitor=0"
+    assert r.stdout.splitlines()[-2] == "capture=0 monitor=0 recorder=0"
+    # The monitor made the DSP event fifo and took it away again.
+    assert "dsp_event" not in r.stdout.splitlines()[-1].split()
     frames = split_report(r.stdout)
     assert [row[0] for row in values(frames[-1])["rows"]] == t["rows"]
+    records = csv_records(recorded)
+    assert len(records) == 4
+    files = {k: v for k, v in t["loading"].items() if not re.match(r"(YPU|DSP)\d", k)}
+    assert check_loading(files, t, records[-1]["loading"]) == []
     # The monitor alone sets the vps-flow files' period, once each: the capture
-    # writes nothing there.
+    # and the recorder write nothing there.
     writes = r.writes()
     assert sorted(data for _, data in writes) == ["500"] * len({p for p, _ in writes})
     assert len(writes) == len([row for row in t["rows"]
