@@ -15,7 +15,7 @@
 //   replay PATH          answer from a captured timeline instead: PATH holds
 //                        lines "T_US CORE CAP", T_US ascending, microseconds
 //                        on the board's clock; a core answers the CAP of its
-//                        last line at or before now (its first one before that)
+//                        last line at or before now (idle, 64, before its first)
 //   clock_us PATH        file holding when the board's clock started
 //                        (CLOCK_MONOTONIC microseconds), read at the first call
 //   loop_us U            the timeline starts again every U microseconds
@@ -98,7 +98,8 @@ static int replay_cap(unsigned int core, uint64_t now_us, unsigned int* cap) {
       hi = mid;
     }
   }
-  *cap = g_replay[core][lo == 0 ? 0 : lo - 1].cap;
+  // Before the capture's first answer nothing is known: the core is idle.
+  *cap = lo == 0 ? 64u : g_replay[core][lo - 1].cap;
   return 0;
 }
 

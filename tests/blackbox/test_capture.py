@@ -120,7 +120,8 @@ def test_capture_descriptors_stay_flat_over_dsp_churn(run_on_board, capture_bina
     # Two live holders, then none, then dsp_c alone.
     idle = holders.index(0, holders.index(2))
     assert holders[-1] == 1 and set(holders[idle:]) == {0, 1}, seen
-    assert seen[-1][0] == seen[idle][0] + 1, seen
+    # Other descriptors come and go with the reads of a tick; none piles up.
+    assert seen[-1][0] <= max(total for total, _ in seen[:idle]), seen
     records, _ = read_capture(out)
     gone = [f["path"] for kind, f in records if kind == "file" and f["path"].endswith("/status")
             and not f["present"]]
