@@ -113,13 +113,14 @@ def test_dashboard_imports_with_recorded_series():
 def dashboard_answers(ask, instance, ddr_live):
     """(time, {panel title: {labels: value}}) of every query asked at one time
     (ask(query, time) gives query()'s answer), once each gives
-    series (the DDR bandwidth only while live) and the DDR figures are live
-    or not as wanted; else None."""
+    series (the DDR bandwidth while live, and none once not: the figures of
+    the last scrapes before the tool died may still answer for a moment) and
+    the DDR figures are live or not as wanted; else None."""
     at = time.time()
     got = {title: {labels: v[-1][1] for labels, _, _, v in ask(q, at)}
            for title, q in panel_queries(instance)}
     ready = got["DDR figures live"] == {(): ddr_live} and all(
-        answer or (title == "DDR bandwidth" and not ddr_live) for title, answer in got.items())
+        bool(answer) == (ddr_live or title != "DDR bandwidth") for title, answer in got.items())
     return ready and (at, got)
 
 
