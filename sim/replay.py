@@ -15,8 +15,12 @@ microseconds since the capture began:
   end_us      when the capture ended (its last record's time if cut short)
   problem     why reading stopped early (a cut-short or corrupt record), or None
 
-ReplayPlan raises CaptureError for a file that is not a readable capture.
+ReplayPlan raises CaptureError for a file that is not a readable capture, and
+for one whose names could reach outside the board being built (a listed name
+with a "/", a path with "." or ".." in it): the replay writes them as root.
 """
+import posixpath
+
 from capture_file import CaptureError, read_capture  # noqa: F401 (re-exported)
 
 DEV = "/dev/"
@@ -39,14 +43,26 @@ class ReplayPlan:
         self.ddr_exit = None
         self.end_us = None
         last = 0
+
+        def safe_path(path):
+            if not path.startswith("/") or posixpath.normpath(path) != path:
+                raise CaptureError(f"{path!r} in {capture}: not a plain absolute path")
+            return path
+
+        def safe_name(name):
+            if "/" in name or name in ("", ".", "..") or "\0" in name:
+                raise CaptureError(f"{name!r} in {capture}: not a plain file name")
+            return name
+
+        capture = path
         for kind, f in records[1:]:
             if kind == "list":
                 if f["ok"] and f["dir"] == DEV:
-                    self.dev = list(f["names"])
+                    self.dev = [safe_name(n) for n in f["names"]]
                 elif f["ok"] and f["dir"] == FLOW:
-                    self.flow = list(f["names"])
+                    self.flow = [safe_name(n) for n in f["names"]]
             elif kind == "file":
-                self.files.setdefault(f["path"], []).append(
+                self.files.setdefault(safe_path(f["path"]), []).append(
                     (f["t_us"], f["present"], f["mode"], f["content"]))
                 last = max(last, f["t_us"])
             elif kind == "engine":
@@ -54,7 +70,7 @@ class ReplayPlan:
                 if f["name"] == "YPU":
                     self.ypu_cores = f["cores"]
                 elif f["name"] == "DSP":
-                    self.dsp_nodes = [SHM + name for name in f["files"]]
+                    self.dsp_nodes = [SHM + "/" + safe_name(name.lstrip("/")) for name in f["files"]]
             elif kind == "ypu":
                 self.ypu += [(c["t_us"], c["index"], c["cap"]) for c in f["changes"]]
             elif kind == "dsp":

@@ -8,6 +8,7 @@ import re
 import shutil
 import struct
 import sys
+import zlib
 
 import pytest
 
@@ -231,6 +232,20 @@ def test_corpus(run_on_board, binary, name, entry):
                   board_showed(CORPUS / f"{name}.kzc", replay, got)) == []
 
 
+def record(kind, *fields):
+    """One uncompressed capture record of varints (int) and byte strings."""
+    def varint(n):
+        out = b""
+        while True:
+            out += bytes([n & 0x7F | (0x80 if n > 0x7F else 0)])
+            n >>= 7
+            if not n:
+                return out
+    payload = b"".join(varint(f) if isinstance(f, int) else varint(len(f)) + f for f in fields)
+    head = struct.pack("<IBBH", len(payload), kind, 0, 0)
+    return head + struct.pack("<I", zlib.crc32(head + payload)) + payload
+
+
 def test_damaged_captures(run_on_board, binary, tmp_path):
     """A capture cut short replays up to its last whole record and says so; a
     file that is no capture is refused before any board is built."""
@@ -246,8 +261,15 @@ def test_damaged_captures(run_on_board, binary, tmp_path):
     shutil.copy(RUN_BOARD, foreign)
     newer = tmp_path / "newer.kzc"
     newer.write_bytes(whole[:8] + b"\x02\0\0\0" + whole[12:])
+    # A board is built as root from the names a capture holds: none may reach out.
+    start = whole[:16] + record(1, 0, 1000, 500, b"", b"6.1", b"aarch64")
+    escape = tmp_path / "escape.kzc"
+    escape.write_bytes(start + record(2, 0, b"/dev/", 1, 1, b"../../etc/passwd"))
+    dotted = tmp_path / "dotted.kzc"
+    dotted.write_bytes(start + record(3, 0, b"/sys/kernel/debug/../../../etc/x", 1, 0o100644, b"x"))
     for path, why in ((foreign, "not a capture"), (tmp_path / "none.kzc", "No such file"),
-                      (newer, "capture format version 2 is newer than this program reads (1)")):
+                      (newer, "capture format version 2 is newer than this program reads (1)"),
+                      (escape, "'../../etc/passwd' in "), (dotted, "not a plain absolute path")):
         r = run_on_board(path, ["true"])
         assert r.returncode == 2
         assert r.stderr.startswith("run-board: cannot replay ") and why in r.stderr, r.stderr
