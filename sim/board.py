@@ -68,11 +68,24 @@ def mount(*args):
     run("mount", "-n", *args)
 
 
-def write(path, text, mode=0o644):
+def write(path, data, mode=0o644):
+    """A file of text or bytes, its folders made first."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w") as f:
-        f.write(text)
+    with open(path, "wb" if isinstance(data, bytes) else "w") as f:
+        f.write(data)
     os.chmod(path, mode)
+
+
+def make_lock(node):
+    """The DSP runtime's lock file of a node, open to every client."""
+    lock = os.path.join("/run", f"dsp_loading_flock_{node}")
+    open(lock, "w").close()
+    os.chmod(lock, 0o666)
+
+
+def parent_dirs(fp):
+    parts = fp.strip("/").split("/")
+    return {"/" + "/".join(parts[:i]) for i in range(1, len(parts))}
 
 
 def format_value(fmt, v):
@@ -231,26 +244,33 @@ class Board:
                     lines.append(f"period_us {lib['period_us']}")
                 if lib.get("open_fail"):
                     lines.append(f"open_fail {lib['open_fail']['core']} {lib['open_fail']['status']}")
-                write(self.p("ypu.conf"), "\n".join(lines) + "\n")
-                os.makedirs(self.p("lib"), exist_ok=True)
-                shutil.copy2(os.path.join(self.sim_build, "libypu.so.2"), self.p("lib"))
-                if self.guest_lib:
-                    os.makedirs(self.p("guestlib"), exist_ok=True)
-                    shutil.copy2(self.guest_lib[0], self.p("guestlib", "libypu.so.2"))
-                env["KZM_SIM_YPU_CONFIG"] = self.p("ypu.conf")
+                self.install_ypu_lib(lines)
         if s.get("soc_name") is not None:
             write(self.p("board/boardinfo/soc_name"), s["soc_name"] + "\n")
         ddr = s.get("ddr")
         if ddr and ddr.get("mode") != "absent":
-            cfg = dict(ddr)
-            cfg["argv_log"] = self.p("logs", "ddr_argv.log")
-            cfg["limit_log"] = self.p("logs", "ddr_limits.log")
-            write(self.p("ddr.json"), json.dumps(cfg))
-            os.makedirs(self.p("bin"), exist_ok=True)
-            shutil.copy2(os.path.join(SIM_DIR, "plox_ddr"), self.p("bin", "plox_ddr"))
-            env["KZM_SIM_DDR_CONFIG"] = self.p("ddr.json")
-            env["PATH"] = self.p("bin") + os.pathsep + env.get("PATH", "/usr/bin:/bin")
+            self.install_ddr_tool(ddr)
         self.write_fs_config()
+
+    def install_ypu_lib(self, conf_lines):
+        """The fake accelerator library (and its guest build), configured by conf_lines."""
+        write(self.p("ypu.conf"), "\n".join(conf_lines) + "\n")
+        os.makedirs(self.p("lib"), exist_ok=True)
+        shutil.copy2(os.path.join(self.sim_build, "libypu.so.2"), self.p("lib"))
+        if self.guest_lib:
+            os.makedirs(self.p("guestlib"), exist_ok=True)
+            shutil.copy2(self.guest_lib[0], self.p("guestlib", "libypu.so.2"))
+        self.env["KZM_SIM_YPU_CONFIG"] = self.p("ypu.conf")
+
+    def install_ddr_tool(self, cfg):
+        """plox_ddr first on PATH, configured by cfg (plus the board's logs)."""
+        cfg = dict(cfg, argv_log=self.p("logs", "ddr_argv.log"),
+                   limit_log=self.p("logs", "ddr_limits.log"))
+        write(self.p("ddr.json"), json.dumps(cfg))
+        os.makedirs(self.p("bin"), exist_ok=True)
+        shutil.copy2(os.path.join(SIM_DIR, "plox_ddr"), self.p("bin", "plox_ddr"))
+        self.env["KZM_SIM_DDR_CONFIG"] = self.p("ddr.json")
+        self.env["PATH"] = self.p("bin") + os.pathsep + self.env.get("PATH", "/usr/bin:/bin")
 
     def fs_path(self, path):
         for real, top in ((VPS_ROOT, "/vps"), (DEBUG_ROOT, "/debug")):
@@ -262,19 +282,12 @@ class Board:
         s = self.scen
         dirs = {"/vps", "/debug"}
         files = []
-
-        def add_dirs(fp):
-            parts = fp.strip("/").split("/")
-            for i in range(1, len(parts)):
-                dirs.add("/" + "/".join(parts[:i]))
-
         for d in s.get("dirs", []):
             fp = self.fs_path(d)
-            dirs.add(fp)
-            add_dirs(fp)
+            dirs |= {fp} | parent_dirs(fp)
         for n, f in enumerate(s.get("files", [])):
             fp = self.fs_path(f["path"])
-            add_dirs(fp)
+            dirs |= parent_dirs(fp)
             texts = f.get("texts")
             if texts is None:
                 texts = [format_value(f.get("format", "{}\n"), v) for v in f.get("values", [])]
@@ -291,7 +304,7 @@ class Board:
                           f.get("read_delay_ms", 0), gone, backing))
         if s.get("ion") is not None:
             fp = "/debug/ion/heaps/all_heap_info"
-            add_dirs(fp)
+            dirs |= parent_dirs(fp)
             write(self.p("texts", "all_heap_info"), "")
             files.append((fp, "0444", 1000, 0, (0, 0), [self.p("texts", "all_heap_info")]))
         self.save_fs_config(dirs, files)
@@ -446,9 +459,7 @@ class Board:
         if not dsp:
             return
         for i, node in enumerate(dsp.get("nodes", [])):
-            lock = os.path.join("/run", f"dsp_loading_flock_{i}")
-            open(lock, "w").close()
-            os.chmod(lock, 0o666)
+            make_lock(i)
             magic = int(str(node.get("magic", DSP_MAGIC)), 0)
             free = 0xFFFFFFFF
             pids = [0] * 32

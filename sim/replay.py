@@ -46,15 +46,15 @@ class ReplayPlan:
 
         def safe_path(path):
             if not path.startswith("/") or posixpath.normpath(path) != path:
-                raise CaptureError(f"{path!r} in {capture}: not a plain absolute path")
+                raise CaptureError(f"{path!r} in {source}: not a plain absolute path")
             return path
 
         def safe_name(name):
             if "/" in name or name in ("", ".", "..") or "\0" in name:
-                raise CaptureError(f"{name!r} in {capture}: not a plain file name")
+                raise CaptureError(f"{name!r} in {source}: not a plain file name")
             return name
 
-        capture = path
+        source = path
         for kind, f in records[1:]:
             if kind == "list":
                 if f["ok"] and f["dir"] == DEV:

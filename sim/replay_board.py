@@ -2,30 +2,16 @@
 capture's timeline (sim/run-board --replay); see sim/README.md."""
 import ctypes
 import errno
-import json
 import os
-import shutil
 import signal
 import stat
 import struct
 import time
 
 import replay
-from board import DEBUG_ROOT, SIM_DIR, VPS_ROOT, Board, log, write
+from board import DEBUG_ROOT, VPS_ROOT, Board, log, make_lock, parent_dirs, write
 
 MS_BIND = 4096
-
-
-def parent_dirs(fp):
-    parts = fp.strip("/").split("/")
-    return {"/" + "/".join(parts[:i]) for i in range(1, len(parts))}
-
-
-def write_bytes(path, data, mode=0o644):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
-    os.chmod(path, mode)
 
 
 def rewrite_in_place(path, data):
@@ -95,44 +81,31 @@ class ReplayBoard(Board):
         for d in ("logs", "texts", "run", "mnt/fs", "mnt/dev", "stub", "proc"):
             os.makedirs(self.p(d), exist_ok=True)
         self.keep_pids_free()
-        env = self.env
-        env["KZM_SIM_WORKDIR"] = self.w
+        self.env["KZM_SIM_WORKDIR"] = self.w
         for folder, board in (("/sys/devices/system/ypu/", "board/ypu"),
                               ("/sys/class/boardinfo/", "board/boardinfo")):
             for path in plan.files:
                 got = plan.start_content(path)
                 if path.startswith(folder) and got:
-                    write_bytes(self.p(board, path[len(folder):]), got[1], got[0] & 0o777 or 0o644)
+                    write(self.p(board, path[len(folder):]), got[1], got[0] & 0o777 or 0o644)
         event = plan.start_content("/var/run/dsp_event")
         if event and stat.S_ISFIFO(event[0]):
             os.mkfifo(self.p("run", "dsp_event"), event[0] & 0o777)
         elif event:
-            write_bytes(self.p("run", "dsp_event"), event[1], event[0] & 0o777 or 0o644)
+            write(self.p("run", "dsp_event"), event[1], event[0] & 0o777 or 0o644)
         if plan.ypu_cores is not None:
             with open(self.p("ypu_replay.txt"), "w") as f:
                 f.writelines(f"{t} {core} {cap}\n" for t, core, cap in plan.ypu)
-            lines = [f"cores {plan.ypu_cores}", f"replay {self.p('ypu_replay.txt')}",
-                     f"clock_us {self.p('clock_us')}", f"loop_us {self.loop_us}",
-                     f"log {self.p('logs', 'ypu_calls.log')}"]
-            write(self.p("ypu.conf"), "\n".join(lines) + "\n")
-            os.makedirs(self.p("lib"), exist_ok=True)
-            shutil.copy2(os.path.join(self.sim_build, "libypu.so.2"), self.p("lib"))
-            if self.guest_lib:
-                os.makedirs(self.p("guestlib"), exist_ok=True)
-                shutil.copy2(self.guest_lib[0], self.p("guestlib", "libypu.so.2"))
-            env["KZM_SIM_YPU_CONFIG"] = self.p("ypu.conf")
+            self.install_ypu_lib([
+                f"cores {plan.ypu_cores}", f"replay {self.p('ypu_replay.txt')}",
+                f"clock_us {self.p('clock_us')}", f"loop_us {self.loop_us}",
+                f"log {self.p('logs', 'ypu_calls.log')}"])
         # Neither a line nor an exit captured: the board had no DDR tool.
         if plan.ddr or plan.ddr_exit:
-            cfg = {"mode": "replay", "clock_us": self.p("clock_us"), "loop_us": self.loop_us,
-                   "lines": [[t, line.decode("latin-1")] for t, line in plan.ddr],
-                   "exit": plan.ddr_exit,
-                   "argv_log": self.p("logs", "ddr_argv.log"),
-                   "limit_log": self.p("logs", "ddr_limits.log")}
-            write(self.p("ddr.json"), json.dumps(cfg))
-            os.makedirs(self.p("bin"), exist_ok=True)
-            shutil.copy2(os.path.join(SIM_DIR, "plox_ddr"), self.p("bin", "plox_ddr"))
-            env["KZM_SIM_DDR_CONFIG"] = self.p("ddr.json")
-            env["PATH"] = self.p("bin") + os.pathsep + env.get("PATH", "/usr/bin:/bin")
+            self.install_ddr_tool({
+                "mode": "replay", "clock_us": self.p("clock_us"), "loop_us": self.loop_us,
+                "lines": [[t, line.decode("latin-1")] for t, line in plan.ddr],
+                "exit": plan.ddr_exit})
         self.write_fs_config()
 
     def write_fs_config(self):
@@ -152,7 +125,7 @@ class ReplayBoard(Board):
             fp = self.fs_path(path)
             dirs |= parent_dirs(fp)
             backing = self.p("texts", f"file_{n}.txt")
-            write_bytes(backing, got[1])
+            write(backing, got[1])
             self.backing[path] = backing
             gone = next(((max(1, t // 1000), errno.ENOENT) for t, present, _, _ in timeline
                          if not present), (0, 0))
@@ -160,13 +133,15 @@ class ReplayBoard(Board):
         self.save_fs_config(dirs, files)
 
     def make_dsp_nodes(self):
-        for i, path in enumerate(self.plan.dsp_nodes):
-            lock = os.path.join("/run", f"dsp_loading_flock_{i}")
-            open(lock, "w").close()
-            os.chmod(lock, 0o666)
-            self.write_node(i, self.plan.node_start(i))
+        for i in range(len(self.plan.dsp_nodes)):
+            make_lock(i)
+        self.reset_nodes()
+
+    def reset_nodes(self):
+        """The nodes as at the capture's start; their claims are not news."""
         self.claimed = set()
         for i in range(len(self.plan.dsp_nodes)):
+            self.write_node(i, self.plan.node_start(i))
             self.claimed |= node_claims(self.plan.node_start(i))
 
     def announce(self, claims):
@@ -280,7 +255,7 @@ class ReplayBoard(Board):
             backing = self.backing.get(path)
             if backing:
                 # Replaced whole: the file system reads the backing afresh by name.
-                write_bytes(backing + ".new", content)
+                write(backing + ".new", content)
                 os.replace(backing + ".new", backing)
         elif kind == "node":
             _, _, i, present, data = event
@@ -319,11 +294,7 @@ class ReplayBoard(Board):
             got = self.plan.start_content(path)
             if got:
                 self.apply((0, "file", path, got[1]))
-        for i in range(len(self.plan.dsp_nodes)):
-            self.write_node(i, self.plan.node_start(i))
-        self.claimed = set()
-        for i in range(len(self.plan.dsp_nodes)):
-            self.claimed |= node_claims(self.plan.node_start(i))
+        self.reset_nodes()
         stopped = [self.stand_ins[pid] for pid in self.stand_ins]
         for pid in list(self.stand_ins):
             self.stop_stand_in(pid)
